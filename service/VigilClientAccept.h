@@ -1,0 +1,16 @@
+// ClientAccept: the pipe server's notification. The service makes exactly one, at start.
+#pragma once
+
+#include "platform/IoNotify.h"
+
+namespace Vigil {
+
+class ClientAccept : public Osb::IoNotifyPipeAccept {
+public:
+    ~ClientAccept() override = default;
+    // Makes the Client, enters it in the table, opens its first read and writes the connect trace.
+    // A full table raises Osb::ExLookupTableFull into the platform, which drops the connection.
+    void accepted(const Osb::SmartPointer<Osb::IoDevice>& device) override;
+};
+
+}  // namespace Vigil

@@ -1,0 +1,40 @@
+#include "service/VigilClientIo.h"
+
+#include "platform/SysLog.h"
+#include "service/VigilExceptions.h"
+
+namespace Vigil {
+
+void LogIoFailure(const Osb::ExSystem& error) {
+    Osb::SysLogEvent(MessageId::kSystemError);
+    Osb::SysLogEvent(error.status());
+}
+
+void ClientRead::completed(const Osb::SmartPointer<Osb::IoRequest>& request, uint32_t bytes) {
+    if (!client_.held()) return;
+    if (bytes == 0) {
+        client_->onClosed();
+        client_.release();
+        return;
+    }
+    client_->onData(bytes, request->buffer());
+}
+
+void ClientRead::cancelled(const Osb::SmartPointer<Osb::IoRequest>&) { client_.release(); }
+
+void ClientRead::failed(const Osb::SmartPointer<Osb::IoRequest>&, const Osb::ExSystem& error) {
+    LogIoFailure(error);
+}
+
+void ClientWrite::completed(const Osb::SmartPointer<Osb::IoRequest>&, uint32_t bytes) {
+    if (client_.held() && bytes == 0) client_.release();
+}
+
+void ClientWrite::cancelled(const Osb::SmartPointer<Osb::IoRequest>&) { client_.release(); }
+
+void ClientWrite::failed(const Osb::SmartPointer<Osb::IoRequest>&, const Osb::ExSystem& error) {
+    LogIoFailure(error);
+    client_.release();
+}
+
+}  // namespace Vigil

@@ -1,0 +1,28 @@
+// The process-wide client table: it gives each Client its id and holds the one long-lived strong
+// reference to it. Both the table and its mutex are built before main.
+//
+// clientTableMutex guards clientTable. It is held only to insert and to remove, and never taken
+// with a Client's mutex held.
+#pragma once
+
+#include "common/OsbLookup.h"
+#include "platform/Mutex.h"
+#include "platform/SmartPointer.h"
+
+namespace Vigil {
+
+class Client;
+
+constexpr uint32_t kMaxClients = 1024;
+using ClientTable = LookupTable<Osb::SmartPointer<Client>, kMaxClients>;
+
+extern Osb::Mutex clientTableMutex;
+extern ClientTable clientTable OSB_GUARDED_BY(clientTableMutex);
+
+}  // namespace Vigil
+
+namespace Vigil {
+// Empties the table and resets its cursor and generations, so that a test sees the ids of a fresh
+// process. Only for tests that run no pipe server.
+void ResetClientTableForTesting();
+}  // namespace Vigil

@@ -1,0 +1,138 @@
+#include "service/VigilDispatch.h"
+
+#include <cstdio>
+#include <shared_mutex>
+
+#include "platform/Utf.h"
+#include "service/VigilClientIo.h"
+#include "service/VigilExceptions.h"
+#include "service/VigilHandlers.h"
+
+namespace Vigil {
+
+namespace {
+
+// Guards the pointers of dispatchTables: shared for each Dispatch, exclusive to build and free
+// them. Taken after a Client's mutex and before the watch database's lock.
+std::shared_mutex dispatchTablesMutex;
+DispatchTable* dispatchTables[2] = {nullptr, nullptr};
+
+struct Entry {
+    uint32_t code;
+    Handler handler;
+};
+
+// Entries of the connection family (0) and the watch family (1).
+constexpr Entry kEntries[] = {
+    {Protocol::kHello, HandleHello},
+    {Protocol::kConnectionCheck, HandleConnectionCheck},
+    {Protocol::kConnectionNoop, HandleConnectionNoop},
+};
+
+DispatchTable* MakeTable(uint32_t family) {
+    auto* table = new DispatchTable;
+    table->family = family;
+    for (Handler& handler : table->handlers) handler = HandleUnsupported;
+    for (const Entry& entry : kEntries) {
+        if (Protocol::FamilyOf(entry.code) == family) {
+            table->handlers[Protocol::NumberOf(entry.code)] = entry.handler;
+        }
+    }
+    return table;
+}
+
+void DumpReasons(const Osb::Exception& error) {
+    const auto* system = dynamic_cast<const Osb::ExSystem*>(&error);
+    for (int i = 0; i < error.depth(); ++i) {
+        const Osb::ExReason& reason = error.reason(i);
+        std::fprintf(stderr, "(%d) File: %s\n", i, reason.file());
+        std::fprintf(stderr, "    Line: %d\n    What: %s\n", reason.line(),
+                     Osb::Utf16ToUtf8(reason.what()).c_str());
+        if (system) std::fprintf(stderr, "    Operating System status = %d\n", static_cast<int>(system->status()));
+    }
+}
+
+}  // namespace
+
+void InitDispatch() {
+    std::unique_lock lock(dispatchTablesMutex);
+    for (uint32_t family = 0; family < 2; ++family) {
+        delete dispatchTables[family];
+        dispatchTables[family] = MakeTable(family);
+    }
+}
+
+void TermDispatch() {
+    std::unique_lock lock(dispatchTablesMutex);
+    for (DispatchTable*& table : dispatchTables) {
+        delete table;
+        table = nullptr;
+    }
+}
+
+void Dispatch(const ClientSoftRef& client, const uint8_t* message, uint32_t available) {
+    const Protocol::MessageHeader header = Protocol::LoadHeader(message);
+    std::shared_lock lock(dispatchTablesMutex);
+    try {
+        const uint32_t family = Protocol::FamilyOf(header.code);
+        if (family >= 2) throw ExInvalidHeader(OSB_HERE);
+        const DispatchTable* table = dispatchTables[family];
+        if (table == nullptr) return;  // outside the service's run: dropped
+        if (header.code == Protocol::kHello) {
+            if (header.clientId != 0) throw ExInvalidHeader(OSB_HERE);
+        } else if (header.clientId != client->id) {
+            throw ExInvalidHeader(OSB_HERE);
+        }
+        if (table->family != family) throw ExInvalidHeader(OSB_HERE);
+        if ((header.code & Protocol::kRequestBit) == 0) throw ExInvalidHeader(OSB_HERE);
+
+        RequestBody body{message + Protocol::kHeaderBytes, header.bodyLength,
+                         available - Protocol::kHeaderBytes};
+        table->handlers[Protocol::NumberOf(header.code)](client, header.requestId, body);
+    } catch (const Osb::Exception& error) {
+        SendError(client, header.requestId, 0, error);
+    } catch (...) {
+        // Anything outside the exception family is swallowed: no reply, no log, no trace.
+    }
+}
+
+void SendError(const ClientSoftRef& client, uint32_t requestId, uint32_t status,
+               const Osb::Exception& error) {
+    const uint32_t count = static_cast<uint32_t>(error.depth());
+    uint64_t size = 32 + uint64_t{12} * count;
+    for (int i = 0; i < error.depth(); ++i) size += 2 * uint64_t{error.reason(i).what().size()} + 2;
+
+    auto notify = Osb::MakeSmart<ClientWrite>(client);
+    auto request = Osb::IoRequest::Create(notify, static_cast<uint32_t>(size), 1);
+    uint8_t* out = request->buffer();
+    Protocol::StoreHeader(out, {Protocol::kError, static_cast<uint32_t>(size) - 16, requestId,
+                                client->id});
+    uint8_t* body = out + Protocol::kHeaderBytes;
+    Protocol::Store32(body + 0, status);
+    Protocol::Store32(body + 4, count);
+    Protocol::Store32(body + 8, Protocol::kStringRefBytes);
+    Protocol::Store32(body + 12, 16);
+    uint8_t* entry = body + 16;
+    uint32_t stringOffset = 16 + Protocol::kStringRefBytes * count;
+    for (int i = 0; i < error.depth(); ++i) {
+        const std::u16string& what = error.reason(i).what();
+        const uint32_t bytes = static_cast<uint32_t>(2 * what.size() + 2);
+        Protocol::Store32(entry + 0, stringOffset);
+        Protocol::Store32(entry + 4, bytes);
+        Protocol::Store32(entry + 8, Protocol::kStringType);
+        std::memcpy(body + stringOffset, what.data(), bytes - 2);
+        body[stringOffset + bytes - 2] = 0;
+        body[stringOffset + bytes - 1] = 0;
+        entry += Protocol::kStringRefBytes;
+        stringOffset += bytes;
+    }
+    client->send(request);
+    DumpReasons(error);
+}
+
+void HandleUnsupported(const ClientSoftRef& client, uint32_t requestId, const RequestBody&) {
+    ExUnsupported unsupported(OSB_HERE);
+    SendError(client, requestId, 0, unsupported);
+}
+
+}  // namespace Vigil
