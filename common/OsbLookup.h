@@ -20,7 +20,7 @@ template <typename Element, uint32_t N>
 class LookupTable {
     static_assert(N == 1024, "ids keep the slot in their low 10 bits");
 
-public:
+  public:
     static constexpr uint32_t kSlotBits = 10;
     static constexpr uint32_t kSlotMask = N - 1;
 
@@ -59,7 +59,7 @@ public:
     void setCursorForTesting(uint32_t cursor) { cursor_ = cursor; }
     uint32_t generationForTesting(uint32_t slot) const { return generation_[slot & kSlotMask]; }
 
-private:
+  private:
     uint32_t cursor_ = 0;
     std::array<uint32_t, N> generation_{};
     std::array<Element, N> slots_{};

@@ -19,8 +19,8 @@ std::u16string Widen(const std::string& text) { return std::u16string(text.begin
 }  // namespace
 
 ExLookupId::ExLookupId(uint32_t id, ExWhere where)
-    : Exception(ExReason(u"No entry of the lookup table has the id " + Widen(std::to_string(id)) + u".",
-                         where)),
+    : Exception(ExReason(
+          u"No entry of the lookup table has the id " + Widen(std::to_string(id)) + u".", where)),
       id_(id) {}
 
 ExLookupTableFull::ExLookupTableFull(ExWhere where)

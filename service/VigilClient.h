@@ -6,8 +6,8 @@
 // one for each message it dispatches, so a Client outlives its table entry while I/O on it is open.
 //
 // Threads: a Client has no thread of its own. onData runs on a platform delivery thread, one call
-// at a time per connection; everything a message causes (dispatch, handler, reply write) runs inside
-// that call.
+// at a time per connection; everything a message causes (dispatch, handler, reply write) runs
+// inside that call.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@
 namespace Vigil {
 
 class Client : public Osb::SmartPointerBaseTwo {
-public:
+  public:
     // Makes a Client for an accepted connection and enters it in the client table; the result is a
     // strong reference beside the table's. Raises Osb::ExLookupTableFull when the table is full;
     // the Client and with it the device are then released. `device` may be null for a connection
@@ -64,7 +64,7 @@ public:
     // tables' lock, then the watch database's lock. Never held together with clientTableMutex.
     Osb::Mutex mutex;
 
-private:
+  private:
     explicit Client(const Osb::SmartPointer<Osb::IoDevice>& device);
 
     const Osb::SmartPointer<Osb::IoDevice> device_;
@@ -74,7 +74,7 @@ private:
 
 // A soft reference to a Client: incSoftRef when made or copied, decSoftRef when released.
 class ClientSoftRef {
-public:
+  public:
     ClientSoftRef() = default;
     explicit ClientSoftRef(Client* client) : client_(client) {
         if (client_) client_->incSoftRef();
@@ -94,7 +94,7 @@ public:
         }
     }
 
-private:
+  private:
     Client* client_ = nullptr;
 };
 

@@ -6,7 +6,7 @@
 namespace Vigil {
 
 class ClientAccept : public Osb::IoNotifyPipeAccept {
-public:
+  public:
     ~ClientAccept() override = default;
     // Makes the Client, enters it in the table, opens its first read and writes the connect trace.
     // A full table raises Osb::ExLookupTableFull into the platform, which drops the connection.

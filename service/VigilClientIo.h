@@ -9,7 +9,7 @@
 namespace Vigil {
 
 class ClientRead : public Osb::IoNotify {
-public:
+  public:
     explicit ClientRead(const ClientSoftRef& client) : client_(client) {}
     ~ClientRead() override = default;
 
@@ -18,23 +18,25 @@ public:
     void completed(const Osb::SmartPointer<Osb::IoRequest>& request, uint32_t bytes) override;
     void cancelled(const Osb::SmartPointer<Osb::IoRequest>& request) override;
     // Logs the failure; no new read is issued and the client stays in the table.
-    void failed(const Osb::SmartPointer<Osb::IoRequest>& request, const Osb::ExSystem& error) override;
+    void failed(const Osb::SmartPointer<Osb::IoRequest>& request,
+                const Osb::ExSystem& error) override;
 
-private:
+  private:
     ClientSoftRef client_;  // touched only by the device's one-at-a-time notifications
 };
 
 class ClientWrite : public Osb::IoNotify {
-public:
+  public:
     explicit ClientWrite(const ClientSoftRef& client) : client_(client) {}
     ~ClientWrite() override = default;
 
     void completed(const Osb::SmartPointer<Osb::IoRequest>& request, uint32_t bytes) override;
     void cancelled(const Osb::SmartPointer<Osb::IoRequest>& request) override;
     // Logs the failure; the read side goes on.
-    void failed(const Osb::SmartPointer<Osb::IoRequest>& request, const Osb::ExSystem& error) override;
+    void failed(const Osb::SmartPointer<Osb::IoRequest>& request,
+                const Osb::ExSystem& error) override;
 
-private:
+  private:
     ClientSoftRef client_;
 };
 

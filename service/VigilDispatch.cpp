@@ -48,7 +48,9 @@ void DumpReasons(const Osb::Exception& error) {
         std::fprintf(stderr, "(%d) File: %s\n", i, reason.file());
         std::fprintf(stderr, "    Line: %d\n    What: %s\n", reason.line(),
                      Osb::Utf16ToUtf8(reason.what()).c_str());
-        if (system) std::fprintf(stderr, "    Operating System status = %d\n", static_cast<int>(system->status()));
+        if (system)
+            std::fprintf(stderr, "    Operating System status = %d\n",
+                         static_cast<int>(system->status()));
     }
 }
 
@@ -105,8 +107,8 @@ void SendError(const ClientSoftRef& client, uint32_t requestId, uint32_t status,
     auto notify = Osb::MakeSmart<ClientWrite>(client);
     auto request = Osb::IoRequest::Create(notify, static_cast<uint32_t>(size), 1);
     uint8_t* out = request->buffer();
-    Protocol::StoreHeader(out, {Protocol::kError, static_cast<uint32_t>(size) - 16, requestId,
-                                client->id});
+    Protocol::StoreHeader(
+        out, {Protocol::kError, static_cast<uint32_t>(size) - 16, requestId, client->id});
     uint8_t* body = out + Protocol::kHeaderBytes;
     Protocol::Store32(body + 0, status);
     Protocol::Store32(body + 4, count);

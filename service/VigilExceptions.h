@@ -27,7 +27,7 @@ constexpr uint32_t kInvalidVersion = 0xE0000A14;
 // The shape the five share: the base's reason, built from the text of `messageId`.
 template <uint32_t kMessageId>
 class ExMessage : public Osb::Exception {
-public:
+  public:
     explicit ExMessage(Osb::ExWhere where);
     Osb::Exception* clone() const override { return new ExMessage(*this); }
 };

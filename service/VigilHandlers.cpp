@@ -33,7 +33,8 @@ void HandleConnectionCheck(const ClientSoftRef& client, uint32_t requestId,
     SendStatusReply(client, requestId, kConnectionCheckReply);
 }
 
-void HandleConnectionNoop(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
+void HandleConnectionNoop(const ClientSoftRef& client, uint32_t requestId,
+                          const RequestBody& body) {
     if (body.length < kConnectionNoopMinBody) throw ExInvalidLength(OSB_HERE);
     SendStatusReply(client, requestId, kConnectionNoopReply);
 }

@@ -13,7 +13,8 @@ namespace Vigil {
 // the client's id; a later version gets ExInvalidVersion, its values stored all the same.
 void HandleHello(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
 // ConnectionCheck: the first field must be 0.
-void HandleConnectionCheck(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
+void HandleConnectionCheck(const ClientSoftRef& client, uint32_t requestId,
+                           const RequestBody& body);
 // ConnectionNoop: nothing but the length check and the reply.
 void HandleConnectionNoop(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
 

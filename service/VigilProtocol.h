@@ -1,7 +1,7 @@
 // The bytes that pass between the service and a client on the pipe. Requests and replies alike are
 // a 16-byte header and a body; integers are unsigned 32-bit little-endian, nothing is aligned or
-// padded, strings are UTF-16LE with one zero unit (their byte length counts it), and every offset in
-// a body counts from the body's first byte.
+// padded, strings are UTF-16LE with one zero unit (their byte length counts it), and every offset
+// in a body counts from the body's first byte.
 //
 // Header, 16 bytes:
 //   0  code        number (bits 0-7) | kind (bits 8-15: 0x01 request, 0x02 reply, 0x04 error)

@@ -28,7 +28,7 @@ enum class ServiceState : uint32_t {
 constexpr uint32_t StateBit(ServiceState state) { return 1u << static_cast<uint32_t>(state); }
 
 class Service {
-public:
+  public:
     explicit Service(std::u16string pipeName);
     ~Service();
     Service(const Service&) = delete;
@@ -56,7 +56,7 @@ public:
     Osb::Mutex mutex;
     Osb::CondVar condition;  // woken when a paused service goes on
 
-private:
+  private:
     static std::atomic<Service*> current_;
 
     uint32_t exitCode_ OSB_GUARDED_BY(mutex) = 0;

@@ -17,8 +17,9 @@ struct Guid {
     friend bool operator==(const Guid& a, const Guid& b) { return a.bytes == b.bytes; }
     friend std::strong_ordering operator<=>(const Guid& a, const Guid& b) {
         int c = std::memcmp(a.bytes.data(), b.bytes.data(), a.bytes.size());
-        return c < 0 ? std::strong_ordering::less
-                     : c > 0 ? std::strong_ordering::greater : std::strong_ordering::equal;
+        return c < 0   ? std::strong_ordering::less
+               : c > 0 ? std::strong_ordering::greater
+                       : std::strong_ordering::equal;
     }
 };
 

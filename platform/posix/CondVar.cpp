@@ -31,7 +31,8 @@ WaitResult CondVar::wait_(Mutex& mutex, int32_t timeoutMs) OSB_NO_THREAD_SAFETY_
         if (timeoutMs < 0) {
             parker->wake.wait(parkerLock, woken);
         } else {
-            timedOut = !parker->wake.wait_for(parkerLock, std::chrono::milliseconds(timeoutMs), woken);
+            timedOut =
+                !parker->wake.wait_for(parkerLock, std::chrono::milliseconds(timeoutMs), woken);
         }
         apcs = parker->takeApcs();
     }

@@ -13,9 +13,9 @@ namespace Osb::detail {
 struct ThreadParker {
     std::mutex mutex;  // guards every field below; taken after CondVar::listMutex_, never before
     std::condition_variable wake;
-    bool signalled = false;                    // a CondVar picked this thread for its signal
-    std::deque<std::function<void()>> apcs;    // queued, not yet run
-    bool ended = false;                        // the thread is gone; APCs are refused
+    bool signalled = false;                  // a CondVar picked this thread for its signal
+    std::deque<std::function<void()>> apcs;  // queued, not yet run
+    bool ended = false;                      // the thread is gone; APCs are refused
 
     // Takes the queued APCs out; the caller runs them with no lock held.
     std::deque<std::function<void()>> takeApcs() {

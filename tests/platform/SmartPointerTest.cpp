@@ -14,21 +14,21 @@ struct Probe {
 };
 
 class Counted : public Osb::SmartPointerBase {
-public:
+  public:
     explicit Counted(Probe& probe) : probe_(probe) {}
     ~Counted() override { ++probe_.destroyed; }
 
-private:
+  private:
     Probe& probe_;
 };
 
 class TwoCounted : public Osb::SmartPointerBaseTwo {
-public:
+  public:
     explicit TwoCounted(Probe& probe) : probe_(probe) {}
     ~TwoCounted() override { ++probe_.destroyed; }
     void strongReleased() override { ++probe_.strongReleased; }
 
-private:
+  private:
     Probe& probe_;
 };
 
@@ -81,12 +81,14 @@ TEST(SmartPointerTest, ConcurrentStrongAndSoftReleaseDeleteExactlyOnce) {
         std::atomic<int> go{0};
         std::thread a([&] {
             ++go;
-            while (go.load() < 2) {}
+            while (go.load() < 2) {
+            }
             raw->decRefCount();
         });
         std::thread b([&] {
             ++go;
-            while (go.load() < 2) {}
+            while (go.load() < 2) {
+            }
             raw->decSoftRef();
         });
         a.join();

@@ -21,14 +21,14 @@ using Osb::MutexLock;
 using Osb::WaitResult;
 
 class LambdaThread : public Osb::Thread {
-public:
+  public:
     explicit LambdaThread(std::function<void()> body) : body_(std::move(body)) {}
     ~LambdaThread() override { join(); }
 
-protected:
+  protected:
     void run() override { body_(); }
 
-private:
+  private:
     std::function<void()> body_;
 };
 
@@ -62,7 +62,8 @@ TEST(CondVarTest, SignalWakesOneWaiterAndBroadcastWakesTheRest) {
     gate.condition.signal();
     // Exactly one ticket: whoever wakes first passes, the rest wait again.
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (passed.load() < 1 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    while (passed.load() < 1 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
     EXPECT_EQ(passed.load(), 1);
     {
         MutexLock lock(gate.mutex);

@@ -30,7 +30,7 @@ struct Reply {
 };
 
 class DrivenClient {
-public:
+  public:
     DrivenClient();
     void feed(const Bytes& bytes);
     uint32_t id() const { return client_->id; }
@@ -38,7 +38,7 @@ public:
     // Replies so far, oldest first; take() empties the list.
     std::vector<Reply> take();
 
-private:
+  private:
     Osb::SmartPointer<Vigil::Client> client_;
     std::vector<Reply> replies_;
 };

@@ -14,7 +14,7 @@ using namespace Vigil::Protocol;
 namespace Id = Vigil::MessageId;
 
 class DispatchTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         setenv("LC_ALL", "en_US.UTF-8", 1);
         Vigil::ResetClientTableForTesting();
@@ -52,7 +52,7 @@ TEST_P(HeaderFaultTest, FaultGetsItsErrorAndTheConnectionGoesOn) {
     const HeaderFault& fault = GetParam();
     DrivenClient client;
     uint32_t clientId = fault.rightId ? client.id() : client.id() + 1;
-    if (fault.code == kHello && !fault.rightId) clientId = 5;
+    if (fault.code == kHello) clientId = fault.rightId ? 0 : 5;  // Hello's right id is 0
     // The faulty message and a valid one behind it, in one read.
     Bytes stream = Request(fault.code, clientId, 99, fault.bodyLength, Bytes(fault.bodyLength, 0));
     Bytes noop = Request(kConnectionNoop, client.id(), 100, Le32({0}));
@@ -65,7 +65,8 @@ TEST_P(HeaderFaultTest, FaultGetsItsErrorAndTheConnectionGoesOn) {
     EXPECT_EQ(replies[0].header.requestId, 99u);
     EXPECT_EQ(replies[0].header.clientId, client.id());
     EXPECT_EQ(Load32(replies[0].body.data()), 0u);  // status
-    EXPECT_EQ(replies[0].errorTexts(), std::vector<std::u16string>{EnglishText(fault.expectedText)});
+    EXPECT_EQ(replies[0].errorTexts(),
+              std::vector<std::u16string>{EnglishText(fault.expectedText)});
     EXPECT_EQ(replies[1].header.code, kConnectionNoopReply);
     EXPECT_EQ(replies[1].header.requestId, 100u);
 }
@@ -95,7 +96,8 @@ TEST_F(DispatchTest, HelloNeedsClientIdZeroEvenWhenItIsTheRightOne) {
     client.feed(Request(kHello, client.id(), 1, HelloBody(1, 0, guid_)));
     auto replies = client.take();
     ASSERT_EQ(replies.size(), 1u);
-    EXPECT_EQ(replies[0].errorTexts(), std::vector<std::u16string>{EnglishText(Id::kInvalidHeader)});
+    EXPECT_EQ(replies[0].errorTexts(),
+              std::vector<std::u16string>{EnglishText(Id::kInvalidHeader)});
 }
 
 // 0x301 has the request bit and number 1: it passes as a request, takes the clientId test of an
@@ -147,7 +149,8 @@ TEST_F(DispatchTest, ShortHelloLeavesTheClientAsItWas) {
     client.feed(Request(kHello, 0, 2, body));
     auto replies = client.take();
     ASSERT_EQ(replies.size(), 2u);
-    EXPECT_EQ(replies[1].errorTexts(), std::vector<std::u16string>{EnglishText(Id::kInvalidLength)});
+    EXPECT_EQ(replies[1].errorTexts(),
+              std::vector<std::u16string>{EnglishText(Id::kInvalidLength)});
     EXPECT_EQ(client.client().guid, guid_);
     EXPECT_EQ(client.client().versionMajor, 1u);
 }
@@ -184,8 +187,10 @@ TEST_F(DispatchTest, OversizedAnnouncementNeverLetsAHandlerReadPastTheMessage) {
     client.feed(Request(kConnectionNoop, client.id(), 3, 20000, Bytes{}));
     auto replies = client.take();
     ASSERT_EQ(replies.size(), 3u);
-    EXPECT_EQ(replies[0].errorTexts(), std::vector<std::u16string>{EnglishText(Id::kInvalidLength)});
-    EXPECT_EQ(replies[1].errorTexts(), std::vector<std::u16string>{EnglishText(Id::kInvalidLength)});
+    EXPECT_EQ(replies[0].errorTexts(),
+              std::vector<std::u16string>{EnglishText(Id::kInvalidLength)});
+    EXPECT_EQ(replies[1].errorTexts(),
+              std::vector<std::u16string>{EnglishText(Id::kInvalidLength)});
     EXPECT_EQ(replies[2].header.code, kConnectionNoopReply);  // reads no field
 }
 

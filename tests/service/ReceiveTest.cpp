@@ -31,7 +31,7 @@ struct Seen {
 };
 
 class ReceiveTest : public ::testing::Test {
-protected:
+  protected:
     void feed(const Bytes& bytes) { feed(bytes.data(), static_cast<uint32_t>(bytes.size())); }
     void feed(const uint8_t* data, uint32_t size) {
         Vigil::ReceiveBytes(rx_, data, size, [this](const uint8_t* message, uint32_t available) {
@@ -64,8 +64,8 @@ TEST_F(ReceiveTest, FifteenHeaderBytesDispatchNothing) {
 
 TEST_F(ReceiveTest, TwoWholeMessagesAndHalfAThirdLeaveTheHalfAtTheFront) {
     Bytes third = Message(0x101, 24, 3);
-    Bytes all = Concat({Message(0x103, 4, 1), Message(0x102, 28, 2),
-                        Bytes(third.begin(), third.begin() + 20)});
+    Bytes all = Concat(
+        {Message(0x103, 4, 1), Message(0x102, 28, 2), Bytes(third.begin(), third.begin() + 20)});
     feed(all);
     ASSERT_EQ(seen_.size(), 2u);
     EXPECT_EQ(seen_[0].requestId, 1u);

@@ -7,7 +7,7 @@
 namespace vigil_test {
 
 class ScratchRoot {
-public:
+  public:
     ScratchRoot();
     ~ScratchRoot();
     ScratchRoot(const ScratchRoot&) = delete;
@@ -17,7 +17,7 @@ public:
     // path() + "/" + relative
     std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
 
-private:
+  private:
     std::string path_;
     std::string previous_;
     bool hadPrevious_ = false;

@@ -1,0 +1,100 @@
+// The POSIX backend of the asynchronous I/O: one Asio io_context whose delivery threads run the
+// completions of every device, and a second one whose single thread does nothing but accept, so
+// that accepting goes on while every delivery thread is held inside a notification.
+//
+// Lifetime: devices and servers hold the backend by shared_ptr, so the io_contexts outlive every
+// socket made on them, also when a device is released after PlatformUninit (the client table is
+// destroyed after main). PlatformUninit closes every registered device and server, lets the
+// delivery threads run out of work (the closes complete open I/O as cancelled) and joins them.
+#pragma once
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/strand.hpp>
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "platform/IoDevice.h"
+#include "platform/IoRequest.h"
+
+namespace Osb::posix {
+
+namespace asio = boost::asio;
+using Socket = asio::local::stream_protocol::socket;
+
+class Backend;
+
+// The state of one connection. `mutex` guards every use of the socket object and the write queue;
+// it is never held while a notification runs. Completions run on `strand`, so one device's
+// notifications come in order and one at a time.
+struct DeviceState {
+    DeviceState(std::shared_ptr<Backend> owner, Socket s);
+
+    std::shared_ptr<Backend> backend;
+    asio::strand<asio::io_context::executor_type> strand;
+    std::mutex mutex;
+    Socket socket;                                // guarded by mutex
+    bool closed = false;                          // guarded by mutex
+    std::deque<SmartPointer<IoRequest>> writes;   // guarded by mutex; in call order
+    bool writing = false;                         // guarded by mutex; the front is being written
+
+    void close();
+};
+
+class ServerState;
+
+class Backend : public std::enable_shared_from_this<Backend> {
+public:
+    explicit Backend(unsigned deliveryThreads);
+    ~Backend();
+
+    void start();
+    // Closes every device and server, waits for the delivery and accept threads to run dry and
+    // joins them.
+    void shutdown();
+
+    asio::io_context& data() { return data_; }
+    asio::io_context& accepting() { return accept_; }
+
+    // Registration of live objects, so that shutdown can close them. Lock order: registryMutex_
+    // before a DeviceState's mutex.
+    void add(DeviceState* device);
+    void remove(DeviceState* device);
+    void add(ServerState* server);
+    void remove(ServerState* server);
+
+private:
+    unsigned deliveryThreads_;
+    asio::io_context data_;
+    asio::io_context accept_;
+    std::optional<asio::executor_work_guard<asio::io_context::executor_type>> dataWork_;
+    std::optional<asio::executor_work_guard<asio::io_context::executor_type>> acceptWork_;
+    std::vector<std::thread> threads_;  // owned and joined by the thread calling shutdown
+    std::mutex registryMutex_;
+    std::set<DeviceState*> devices_;    // guarded by registryMutex_
+    std::set<ServerState*> servers_;    // guarded by registryMutex_
+};
+
+// Closes a pipe server's listening socket (IoDevicePipeServer.cpp).
+void CloseServer(ServerState* server);
+
+// The backend in force between PlatformInit and PlatformUninit, or null.
+std::shared_ptr<Backend> CurrentBackend();
+
+// The Windows code of an Asio error.
+uint32_t ErrorFromAsio(const boost::system::error_code& ec);
+
+}  // namespace Osb::posix
+
+namespace Osb {
+struct IoDevice::Impl {
+    std::shared_ptr<posix::DeviceState> state;
+};
+}  // namespace Osb
