@@ -12,7 +12,6 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/strand.hpp>
-
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -40,10 +39,10 @@ struct DeviceState {
     std::shared_ptr<Backend> backend;
     asio::strand<asio::io_context::executor_type> strand;
     std::mutex mutex;
-    Socket socket;                                // guarded by mutex
-    bool closed = false;                          // guarded by mutex
-    std::deque<SmartPointer<IoRequest>> writes;   // guarded by mutex; in call order
-    bool writing = false;                         // guarded by mutex; the front is being written
+    Socket socket;                               // guarded by mutex
+    bool closed = false;                         // guarded by mutex
+    std::deque<SmartPointer<IoRequest>> writes;  // guarded by mutex; in call order
+    bool writing = false;                        // guarded by mutex; the front is being written
 
     void close();
 };
@@ -51,7 +50,7 @@ struct DeviceState {
 class ServerState;
 
 class Backend : public std::enable_shared_from_this<Backend> {
-public:
+  public:
     explicit Backend(unsigned deliveryThreads);
     ~Backend();
 
@@ -70,7 +69,7 @@ public:
     void add(ServerState* server);
     void remove(ServerState* server);
 
-private:
+  private:
     unsigned deliveryThreads_;
     asio::io_context data_;
     asio::io_context accept_;
@@ -78,8 +77,8 @@ private:
     std::optional<asio::executor_work_guard<asio::io_context::executor_type>> acceptWork_;
     std::vector<std::thread> threads_;  // owned and joined by the thread calling shutdown
     std::mutex registryMutex_;
-    std::set<DeviceState*> devices_;    // guarded by registryMutex_
-    std::set<ServerState*> servers_;    // guarded by registryMutex_
+    std::set<DeviceState*> devices_;  // guarded by registryMutex_
+    std::set<ServerState*> servers_;  // guarded by registryMutex_
 };
 
 // Closes a pipe server's listening socket (IoDevicePipeServer.cpp).

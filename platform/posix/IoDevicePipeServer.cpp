@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <boost/asio/local/stream_protocol.hpp>
-
 #include <cerrno>
 #include <cstring>
 
@@ -22,7 +21,7 @@ namespace posix {
 // The listening side. Accept completions run on the backend's accept thread only. `mutex` guards
 // the acceptor and `closed`; it is not held while accepted() runs.
 class ServerState : public std::enable_shared_from_this<ServerState> {
-public:
+  public:
     ServerState(std::shared_ptr<Backend> owner, SmartPointer<IoNotifyPipeAccept> notify,
                 std::string path)
         : backend_(std::move(owner)),
@@ -36,7 +35,7 @@ public:
     void acceptNext();
     void close();
 
-private:
+  private:
     std::shared_ptr<Backend> backend_;
     SmartPointer<IoNotifyPipeAccept> notify_;
     std::string path_;
@@ -94,22 +93,22 @@ void ServerState::acceptNext() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return;
     auto self = shared_from_this();
-    acceptor_.async_accept(backend_->data(), [self](const boost::system::error_code& ec,
-                                                    Socket socket) {
-        if (ec == asio::error::operation_aborted) return;
-        if (!ec) {
-            auto impl = std::make_unique<IoDevice::Impl>();
-            impl->state = std::make_shared<DeviceState>(self->backend_, std::move(socket));
-            SmartPointer<IoDevice> device(new IoDevice(std::move(impl)));
-            try {
-                self->notify_->accepted(device);
-            } catch (...) {
-                // Refused (a full client table, say): the device goes with the last reference.
+    acceptor_.async_accept(
+        backend_->data(), [self](const boost::system::error_code& ec, Socket socket) {
+            if (ec == asio::error::operation_aborted) return;
+            if (!ec) {
+                auto impl = std::make_unique<IoDevice::Impl>();
+                impl->state = std::make_shared<DeviceState>(self->backend_, std::move(socket));
+                SmartPointer<IoDevice> device(new IoDevice(std::move(impl)));
+                try {
+                    self->notify_->accepted(device);
+                } catch (...) {
+                    // Refused (a full client table, say): the device goes with the last reference.
+                }
             }
-        }
-        // On a failed accept (out of descriptors, say) the server goes on with the next one.
-        self->acceptNext();
-    });
+            // On a failed accept (out of descriptors, say) the server goes on with the next one.
+            self->acceptNext();
+        });
 }
 
 void ServerState::close() {

@@ -17,7 +17,7 @@ namespace Osb {
 namespace {
 
 class SocketPipeClient : public PipeClient {
-public:
+  public:
     explicit SocketPipeClient(int fd) : fd_(fd) {}
     ~SocketPipeClient() override { close(); }
 
@@ -58,7 +58,7 @@ public:
         fd_ = -1;
     }
 
-private:
+  private:
     int fd_;
 };
 

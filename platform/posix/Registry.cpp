@@ -7,8 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <string_view>
 #include <vector>
 
 #include "platform/ErrorCode.h"
@@ -17,37 +16,56 @@
 
 namespace Osb {
 
-// A key is a directory; a handle remembers its path. The predefined root is a static handle whose
-// path is computed at each use, so that it follows VIGIL_SYSTEM_ROOT.
+// A key is a directory; a handle remembers its path and the access it was opened with, so that a
+// write through a key opened for reading fails here as it does on Windows. The predefined root is
+// one static handle whose path is computed at each use, so that it follows VIGIL_SYSTEM_ROOT.
 struct RegKeyHandle {
     bool isRoot = false;
     std::string path;
+    uint32_t access = 0;
 };
 
 namespace {
 
-RegKeyHandle rootHandle{true, ""};
+RegKeyHandle rootHandle{true, "", Reg::kKeyAllAccess};
 
-std::string KeyPath(HKey key) {
-    if (key->isRoot) return SystemRoot() + "/etc/orvanta/registry/HKEY_LOCAL_MACHINE";
-    return key->path;
+int32_t Code(uint32_t code) { return static_cast<int32_t>(code); }
+
+std::string RegistryRoot() { return SystemRoot() + "/etc/orvanta/registry/HKEY_LOCAL_MACHINE"; }
+
+std::string KeyPath(HKey key) { return key->isRoot ? RegistryRoot() : key->path; }
+
+// A name that cannot be one directory entry: empty, "." or "..", or holding '/' or NUL.
+bool BadEntryName(const std::string& name) {
+    return name.empty() || name == "." || name == ".." ||
+           name.find_first_of(std::string_view("/\0", 2)) != std::string::npos;
 }
 
-// Joins `subKey` (backslash-separated) to the key's directory; 0 or 123.
+// Joins `subKey` to the directory of `root`. Empty components are skipped, so "A\\B\\" and
+// "A\\\\B" name the key A\B.
 int32_t Resolve(HKey root, const std::u16string& subKey, std::string& out) {
-    if (root == nullptr) return static_cast<int32_t>(Err::kInvalidHandle);
+    if (root == nullptr) return Code(Err::kInvalidHandle);
     out = KeyPath(root);
-    std::string utf8 = Utf16ToUtf8(subKey);
-    std::stringstream parts(utf8);
-    std::string part;
-    while (std::getline(parts, part, '\\')) {
+    const std::string utf8 = Utf16ToUtf8(subKey);
+    size_t at = 0;
+    while (at <= utf8.size()) {
+        size_t end = utf8.find('\\', at);
+        if (end == std::string::npos) end = utf8.size();
+        const std::string part = utf8.substr(at, end - at);
+        at = end + 1;
         if (part.empty()) continue;
-        if (part == "." || part == ".." || part.find('/') != std::string::npos ||
-            part.find('\0') != std::string::npos) {
-            return static_cast<int32_t>(Err::kInvalidName);
-        }
-        out += "/" + part;
+        if (BadEntryName(part)) return Code(Err::kInvalidName);
+        out += '/';
+        out += part;
     }
+    return 0;
+}
+
+int32_t ValuePath(HKey key, const std::u16string& valueName, std::string& out) {
+    if (key == nullptr) return Code(Err::kInvalidHandle);
+    const std::string name = Utf16ToUtf8(valueName);
+    if (BadEntryName(name)) return Code(Err::kInvalidName);
+    out = KeyPath(key) + "/" + name;
     return 0;
 }
 
@@ -56,124 +74,181 @@ bool IsDirectory(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-int32_t ValuePath(HKey key, const std::u16string& valueName, std::string& out) {
-    if (key == nullptr) return static_cast<int32_t>(Err::kInvalidHandle);
-    std::string name = Utf16ToUtf8(valueName);
-    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
-        name.find('\0') != std::string::npos) {
-        return static_cast<int32_t>(Err::kInvalidName);
+// A key that is missing, wherever on its path, is 2 in the registry (never 3).
+int32_t MissingAsNotFound(int err) {
+    return Code(SetLastErrorFromErrno(err == ENOTDIR ? ENOENT : err));
+}
+
+std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+// Reads the whole file at `path` into `text`; 0 or a Windows code.
+int32_t ReadValueFile(const std::string& path, std::string& text) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return MissingAsNotFound(errno);
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {  // a subkey of that name, not a value
+        ::close(fd);
+        return Code(Err::kFileNotFound);
     }
-    out = KeyPath(key) + "/" + name;
+    text.clear();
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof(buffer));
+        if (got == 0) break;
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            const int32_t status = Code(SetLastErrorFromErrno(errno));
+            ::close(fd);
+            return status;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    ::close(fd);
     return 0;
+}
+
+bool WriteAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t put = ::write(fd, text.data() + done, text.size() - done);
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) {
+            if (put == 0) errno = ENOSPC;
+            return false;
+        }
+        done += static_cast<size_t>(put);
+    }
+    return true;
+}
+
+// Writes `text` to `path` through a temporary file in the same folder and a rename, so that a
+// reader sees the old value or the new one, never a part.
+int32_t ReplaceFile(const std::string& path, const std::string& text) {
+    std::string temporary = ParentOf(path) + "/.~value.XXXXXX";
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) return MissingAsNotFound(errno);
+    bool ok = ::fchmod(fd, 0644) == 0 && WriteAll(fd, text) && ::fsync(fd) == 0;
+    int err = errno;
+    if (::close(fd) != 0 && ok) {
+        ok = false;
+        err = errno;
+    }
+    if (ok && ::rename(temporary.c_str(), path.c_str()) != 0) {
+        ok = false;
+        err = errno;
+    }
+    if (ok) return 0;
+    ::unlink(temporary.c_str());
+    return Code(SetLastErrorFromErrno(err));
 }
 
 }  // namespace
 
 HKey HKeyLocalMachine() { return &rootHandle; }
 
-int32_t RegOpenKeyExW(HKey root, const std::u16string& subKey, uint32_t, uint32_t, HKey* result) {
+int32_t RegOpenKeyExW(HKey root, const std::u16string& subKey, uint32_t, uint32_t access,
+                      HKey* result) {
+    if (result == nullptr) return Code(Err::kInvalidParameter);
     std::string path;
-    if (int32_t status = Resolve(root, subKey, path)) return status;
-    if (!IsDirectory(path)) {
-        struct stat st;
-        if (::stat(path.c_str(), &st) == 0) return static_cast<int32_t>(Err::kFileNotFound);
-        return static_cast<int32_t>(SetLastErrorFromErrno(errno == ENOTDIR ? ENOENT : errno));
-    }
-    *result = new RegKeyHandle{false, path};
+    if (const int32_t status = Resolve(root, subKey, path)) return status;
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) return MissingAsNotFound(errno);
+    if (!S_ISDIR(st.st_mode)) return Code(Err::kFileNotFound);  // a value, not a key
+    *result = new RegKeyHandle{false, path, access};
     return 0;
 }
 
-int32_t RegCreateKeyExW(HKey root, const std::u16string& subKey, uint32_t, HKey* result,
+int32_t RegCreateKeyExW(HKey root, const std::u16string& subKey, uint32_t access, HKey* result,
                         uint32_t* disposition) {
+    if (result == nullptr) return Code(Err::kInvalidParameter);
     std::string path;
-    if (int32_t status = Resolve(root, subKey, path)) return status;
-    bool existed = IsDirectory(path);
-    if (!existed) {
-        if (uint32_t status = CreateDirectories(path)) return static_cast<int32_t>(status);
+    if (const int32_t status = Resolve(root, subKey, path)) return status;
+    // The parents first, then the key itself: whether this mkdir made it tells the disposition,
+    // even when another process creates the same key at the same time.
+    if (const uint32_t status = CreateDirectories(ParentOf(path))) return Code(status);
+    bool created = ::mkdir(path.c_str(), 0755) == 0;
+    if (!created) {
+        const int err = errno;
+        if (!IsDirectory(path)) return Code(SetLastErrorFromErrno(err, path.c_str()));
     }
-    if (disposition) *disposition = existed ? Reg::kOpenedExistingKey : Reg::kCreatedNewKey;
-    *result = new RegKeyHandle{false, path};
+    if (disposition != nullptr) {
+        *disposition = created ? Reg::kCreatedNewKey : Reg::kOpenedExistingKey;
+    }
+    *result = new RegKeyHandle{false, path, access};
     return 0;
 }
 
 int32_t RegQueryValueExW(HKey key, const std::u16string& valueName, uint32_t* type, uint8_t* data,
                          uint32_t* dataBytes) {
     std::string path;
-    if (int32_t status = ValuePath(key, valueName, path)) return status;
-    std::ifstream in(path, std::ios::binary);
-    if (!in || IsDirectory(path)) return static_cast<int32_t>(Err::kFileNotFound);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (const int32_t status = ValuePath(key, valueName, path)) return status;
+    if ((key->access & Reg::kQueryValue) == 0) return Code(Err::kAccessDenied);
+    if (data != nullptr && dataBytes == nullptr) return Code(Err::kInvalidParameter);
+    std::string text;
+    if (const int32_t status = ReadValueFile(path, text)) return status;
+    // The file's one final newline is the file's, not the value's.
     if (!text.empty() && text.back() == '\n') text.pop_back();
-    std::u16string wide = Utf8ToUtf16(text);
-    uint32_t needed = static_cast<uint32_t>((wide.size() + 1) * sizeof(char16_t));
-    if (type) *type = Reg::kTypeSz;
-    if (dataBytes == nullptr) return data ? static_cast<int32_t>(Err::kInvalidParameter) : 0;
-    if (data == nullptr) {
-        *dataBytes = needed;
-        return 0;
-    }
-    if (*dataBytes < needed) {
-        *dataBytes = needed;
-        return Reg::kMoreData;
-    }
-    std::memcpy(data, wide.c_str(), needed);
+    const std::u16string wide = Utf8ToUtf16(text);
+    const uint32_t needed = static_cast<uint32_t>((wide.size() + 1) * sizeof(char16_t));
+    if (type != nullptr) *type = Reg::kTypeSz;
+    if (dataBytes == nullptr) return 0;
+    const uint32_t room = *dataBytes;
     *dataBytes = needed;
+    if (data == nullptr) return 0;
+    if (room < needed) return Reg::kMoreData;
+    std::memcpy(data, wide.c_str(), needed);
     return 0;
 }
 
-int32_t RegSetValueExW(HKey key, const std::u16string& valueName, uint32_t, const uint8_t* data,
-                       uint32_t bytes) {
+int32_t RegSetValueExW(HKey key, const std::u16string& valueName, uint32_t type,
+                       const uint8_t* data, uint32_t bytes) {
     std::string path;
-    if (int32_t status = ValuePath(key, valueName, path)) return status;
-    std::u16string wide(bytes / 2, u'\0');
-    if (bytes >= 2) std::memcpy(wide.data(), data, wide.size() * 2);
-    if (auto nul = wide.find(u'\0'); nul != std::u16string::npos) wide.resize(nul);
-    std::string text = Utf16ToUtf8(wide) + "\n";
-    // Written whole to a temporary beside the value, then renamed over it, so a reader never sees
-    // half a value.
-    std::string temporary = path + ".tmp" + std::to_string(::getpid());
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return static_cast<int32_t>(SetLastErrorFromErrno(errno, temporary.c_str()));
-    ssize_t written = ::write(fd, text.data(), text.size());
-    int err = errno;
-    ::close(fd);
-    if (written != static_cast<ssize_t>(text.size())) {
-        ::unlink(temporary.c_str());
-        return static_cast<int32_t>(SetLastErrorFromErrno(written < 0 ? err : ENOSPC));
+    if (const int32_t status = ValuePath(key, valueName, path)) return status;
+    if ((key->access & Reg::kSetValue) == 0) return Code(Err::kAccessDenied);
+    // Only text can be stored as a text file; any other type would come back as a different one.
+    if (type != Reg::kTypeSz || (data == nullptr && bytes != 0)) {
+        return Code(Err::kInvalidParameter);
     }
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-        err = errno;
-        ::unlink(temporary.c_str());
-        return static_cast<int32_t>(SetLastErrorFromErrno(err));
-    }
-    return 0;
+    std::u16string wide(bytes / sizeof(char16_t), u'\0');
+    if (!wide.empty()) std::memcpy(wide.data(), data, wide.size() * sizeof(char16_t));
+    // A string value ends at its first zero unit, which is how every reader of it sees it.
+    if (const size_t nul = wide.find(u'\0'); nul != std::u16string::npos) wide.resize(nul);
+    if (IsDirectory(path)) return Code(Err::kAccessDenied);  // a subkey holds that name
+    return ReplaceFile(path, Utf16ToUtf8(wide) + "\n");
 }
 
 int32_t RegDeleteKeyW(HKey root, const std::u16string& subKey) {
     std::string path;
-    if (int32_t status = Resolve(root, subKey, path)) return status;
-    if (!IsDirectory(path)) return static_cast<int32_t>(Err::kFileNotFound);
-    // Values are files and go with the key; a subkey (a directory) keeps it.
+    if (const int32_t status = Resolve(root, subKey, path)) return status;
+    if (path == RegistryRoot()) return Code(Err::kAccessDenied);  // the predefined key stays
+    DIR* dir = ::opendir(path.c_str());
+    if (dir == nullptr) return MissingAsNotFound(errno);
+    // Values are files and go with the key; a subkey (a directory) keeps it, as on Windows.
     std::vector<std::string> values;
-    if (DIR* dir = ::opendir(path.c_str())) {
-        while (dirent* entry = ::readdir(dir)) {
-            std::string name = entry->d_name;
-            if (name == "." || name == "..") continue;
-            if (IsDirectory(path + "/" + name)) {
-                ::closedir(dir);
-                return static_cast<int32_t>(Err::kAccessDenied);
-            }
-            values.push_back(path + "/" + name);
+    bool hasSubkey = false;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        const std::string child = path + "/" + name;
+        if (IsDirectory(child)) {
+            hasSubkey = true;
+            break;
         }
-        ::closedir(dir);
+        values.push_back(child);
     }
-    for (const std::string& value : values) ::unlink(value.c_str());
-    if (::rmdir(path.c_str()) != 0) return static_cast<int32_t>(SetLastErrorFromErrno(errno));
+    ::closedir(dir);
+    if (hasSubkey) return Code(Err::kAccessDenied);
+    for (const std::string& value : values) {
+        if (::unlink(value.c_str()) != 0 && errno != ENOENT) {
+            return Code(SetLastErrorFromErrno(errno));
+        }
+    }
+    if (::rmdir(path.c_str()) != 0) return MissingAsNotFound(errno);
     return 0;
 }
 
 int32_t RegCloseKey(HKey key) {
-    if (key == nullptr) return static_cast<int32_t>(Err::kInvalidHandle);
+    if (key == nullptr) return Code(Err::kInvalidHandle);
     if (!key->isRoot) delete key;
     return 0;
 }

@@ -1,0 +1,92 @@
+#include "tools/client/AgentConnection.h"
+
+#include "platform/ErrorCode.h"
+#include "platform/Exception.h"
+#include "service/VigilProtocol.h"
+
+namespace vigil_client {
+
+using namespace Vigil::Protocol;
+
+namespace {
+std::string FirstReason(const ErrorReply& reply) {
+    return reply.reasons.empty() ? "the service refused the request" : reply.reasons.front();
+}
+}  // namespace
+
+RequestRefused::RequestRefused(ErrorReply reply)
+    : std::runtime_error(FirstReason(reply)), reply_(std::move(reply)) {}
+
+AgentConnection::AgentConnection(const std::u16string& pipeName)
+    : pipe_(Osb::PipeClient::Connect(pipeName)) {}
+
+Reply AgentConnection::request(uint32_t code, const Bytes& body, int timeoutMs) {
+    const uint32_t requestId = nextRequestId_++;
+    Bytes message = Frame(code, requestId, code == kHello ? 0 : clientId_, body);
+    pipe_->writeAll(message.data(), message.size());
+
+    if (timeoutMs >= 0 && !pipe_->waitReadable(timeoutMs)) {
+        throw Osb::ExSystem(Osb::Err::kTimeout, OSB_HERE);
+    }
+    uint8_t header[kHeaderBytes];
+    if (!pipe_->readExact(header, sizeof(header)))
+        throw Osb::ExSystem(Osb::Err::kBrokenPipe, OSB_HERE);
+    MessageHeader h = LoadHeader(header);
+    Reply reply{h.code, h.requestId, h.clientId, Bytes(h.bodyLength)};
+    if (h.bodyLength > 0 && !pipe_->readExact(reply.body.data(), reply.body.size())) {
+        throw Osb::ExSystem(Osb::Err::kBrokenPipe, OSB_HERE);
+    }
+    if (reply.requestId != requestId) throw DecodeError("the reply answers another request");
+    return reply;
+}
+
+Bytes AgentConnection::expect(uint32_t code, const Bytes& body) {
+    Reply reply = request(code, body);
+    if (reply.code == kError) throw RequestRefused(DecodeErrorReply(reply.body));
+    if (reply.code != ReplyCodeOf(code)) throw DecodeError("the reply has an unexpected code");
+    return std::move(reply.body);
+}
+
+HelloReply AgentConnection::hello(const Guid& guid, uint32_t versionMajor, uint32_t versionMinor) {
+    Reply reply = request(kHello, EncodeHello(versionMajor, versionMinor, guid));
+    // Even a refused Hello names the client's id in its header.
+    clientId_ = reply.clientId;
+    if (reply.code == kError) throw RequestRefused(DecodeErrorReply(reply.body));
+    if (reply.code != kHelloReply) throw DecodeError("the reply has an unexpected code");
+    versionMajor_ = versionMajor;
+    return DecodeHelloReply(reply.body);
+}
+
+void AgentConnection::connectionCheck() {
+    DecodeStatusReply(expect(kConnectionCheck, EncodeConnectionCheck()));
+}
+
+void AgentConnection::connectionNoop() {
+    DecodeStatusReply(expect(kConnectionNoop, EncodeEmptyRequest()));
+}
+
+std::vector<std::string> AgentConnection::getFolders() {
+    return DecodeFolderList(expect(kGetFolders, EncodeEmptyRequest()));
+}
+
+void AgentConnection::addFolders(const FolderOptions& options,
+                                 const std::vector<std::string>& paths) {
+    DecodeStatusReply(expect(kAddFolders, EncodeAddFolders(versionMajor_, options, paths)));
+}
+
+void AgentConnection::removeFolders(bool watchSubtree, const std::vector<std::string>& paths) {
+    DecodeStatusReply(expect(kRemoveFolders, EncodeRemoveFolders(watchSubtree, paths)));
+}
+
+std::vector<FolderChanges> AgentConnection::getChanges(bool clear, Bytes* rawBody) {
+    Bytes body = expect(kGetChanges, EncodeGetChanges(clear));
+    std::vector<FolderChanges> changes = DecodeChanges(body);
+    if (rawBody) *rawBody = std::move(body);
+    return changes;
+}
+
+void AgentConnection::removeChanges(const Bytes& getChangesBody) {
+    DecodeStatusReply(expect(kRemoveChanges, getChangesBody));
+}
+
+}  // namespace vigil_client

@@ -1,0 +1,64 @@
+// A connection to the service over its pipe, one request at a time: each request waits for its
+// reply (or Error). Raises Osb::ExSystem when the pipe fails, DecodeError for a reply that does
+// not hold together, and RequestRefused when the service answers with Error.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/PipeClient.h"
+#include "tools/client/ClientCodec.h"
+
+namespace vigil_client {
+
+struct Reply {
+    uint32_t code = 0;
+    uint32_t requestId = 0;
+    uint32_t clientId = 0;
+    Bytes body;
+};
+
+class RequestRefused : public std::runtime_error {
+  public:
+    explicit RequestRefused(ErrorReply reply);
+    const ErrorReply& reply() const { return reply_; }
+
+  private:
+    ErrorReply reply_;
+};
+
+class AgentConnection {
+  public:
+    explicit AgentConnection(const std::u16string& pipeName);
+
+    // Sends one message and returns the reply, whatever its code. The reply must carry the
+    // request's id. `timeoutMs` bounds the wait for it (-1: no bound).
+    Reply request(uint32_t code, const Bytes& body, int timeoutMs = -1);
+
+    HelloReply hello(const Guid& guid, uint32_t versionMajor, uint32_t versionMinor);
+    void connectionCheck();
+    void connectionNoop();
+    std::vector<std::string> getFolders();
+    void addFolders(const FolderOptions& options, const std::vector<std::string>& paths);
+    void removeFolders(bool watchSubtree, const std::vector<std::string>& paths);
+    // The changes and the reply's raw body (to hand back as RemoveChanges).
+    std::vector<FolderChanges> getChanges(bool clear, Bytes* rawBody = nullptr);
+    void removeChanges(const Bytes& getChangesBody);
+
+    uint32_t clientId() const { return clientId_; }
+    uint32_t versionMajor() const { return versionMajor_; }
+
+  private:
+    // The reply of `code`'s request, or RequestRefused.
+    Bytes expect(uint32_t code, const Bytes& body);
+
+    std::unique_ptr<Osb::PipeClient> pipe_;
+    uint32_t clientId_ = 0;
+    uint32_t versionMajor_ = 1;
+    uint32_t nextRequestId_ = 1;
+};
+
+}  // namespace vigil_client
