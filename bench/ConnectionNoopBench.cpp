@@ -97,6 +97,9 @@ int main(int argc, char** argv) {
     Osb::Config config;
     config.applicationName = u"Orvanta Vigil Watch 14.0";
     config.serving = true;
+    if (const char* threads = std::getenv("VIGIL_IO_THREADS")) {
+        config.ioThreads = static_cast<uint32_t>(std::atoi(threads));
+    }
     Osb::PlatformInit(config);
     Vigil::InitDispatch();
     auto server =
@@ -105,23 +108,39 @@ int main(int argc, char** argv) {
 
     // The service prints a trace line per connection; keep the report readable.
     std::fflush(stdout);
-    std::printf("ConnectionNoop round trips, %.1f s per measurement\n", seconds);
+    std::printf("ConnectionNoop round trips, %.1f s per measurement, medians of 3 rounds\n",
+                seconds);
     std::printf("%-8s %-8s %14s %10s %10s\n", "clients", "server", "round trips/s", "p50 us",
                 "p99 us");
+    // Service and echo take turns, three rounds each, so that a noisy moment of the shared
+    // machine touches both; the medians of the rounds are compared.
+    auto median = [](std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        return v[v.size() / 2];
+    };
     bool ok = true;
     for (int clients : {1, 64}) {
-        Result service = Measure(u"bench-service", true, clients, seconds);
-        Result baseline = Measure(u"bench-echo", false, clients, seconds);
-        std::printf("%-8d %-8s %14.0f %10.1f %10.1f\n", clients, "service", service.perSecond,
-                    service.p50us, service.p99us);
-        std::printf("%-8d %-8s %14.0f %10.1f %10.1f\n", clients, "echo", baseline.perSecond,
-                    baseline.p50us, baseline.p99us);
-        double throughputRatio = service.perSecond / baseline.perSecond;
-        double latencyRatio = service.p50us / baseline.p50us;
+        std::vector<double> rate[2], p50[2], p99[2];
+        for (int round = 0; round < 3; ++round) {
+            Result results[2] = {Measure(u"bench-service", true, clients, seconds),
+                                 Measure(u"bench-echo", false, clients, seconds)};
+            for (int k = 0; k < 2; ++k) {
+                rate[k].push_back(results[k].perSecond);
+                p50[k].push_back(results[k].p50us);
+                p99[k].push_back(results[k].p99us);
+            }
+        }
+        const char* names[2] = {"service", "echo"};
+        for (int k = 0; k < 2; ++k) {
+            std::printf("%-8d %-8s %14.0f %10.1f %10.1f\n", clients, names[k], median(rate[k]),
+                        median(p50[k]), median(p99[k]));
+        }
+        double throughputRatio = median(rate[0]) / median(rate[1]);
+        double latencyRatio = median(p50[0]) / median(p50[1]);
         std::printf("         ratio    throughput %.2f of echo, p50 %.2fx echo\n", throughputRatio,
                     latencyRatio);
         if (clients == 64 && throughputRatio < 0.5) ok = false;
-        if (clients == 1 && (latencyRatio > 2.0 || service.p50us >= 60.0)) ok = false;
+        if (clients == 1 && (latencyRatio > 2.0 || median(p50[0]) >= 60.0)) ok = false;
     }
     std::printf(
         "targets (64 clients >= 0.5x echo throughput; 1 client p50 <= 2x echo and < 60 us): %s\n",

@@ -7,7 +7,7 @@
 namespace Osb::posix {
 
 DeviceState::DeviceState(std::shared_ptr<Backend> owner, Socket s)
-    : backend(std::move(owner)), strand(asio::make_strand(backend->data())), socket(std::move(s)) {}
+    : backend(std::move(owner)), executor(s.get_executor()), socket(std::move(s)) {}
 
 void DeviceState::close() {
     std::lock_guard<std::mutex> lock(mutex);
@@ -19,15 +19,27 @@ void DeviceState::close() {
     socket.close(ignored);
 }
 
-Backend::Backend(unsigned deliveryThreads)
-    : deliveryThreads_(deliveryThreads == 0 ? 2 : deliveryThreads) {}
+Backend::Backend(unsigned deliveryThreads) {
+    if (deliveryThreads == 0) deliveryThreads = 2;
+    // Concurrency hint 1: one thread runs each context, which spares the scheduler its locking
+    // around handler dispatch; posting from other threads stays safe.
+    for (unsigned i = 0; i < deliveryThreads; ++i) {
+        delivery_.push_back(std::make_unique<asio::io_context>(1));
+    }
+}
+
+asio::io_context& Backend::nextDelivery() {
+    return *delivery_[nextDelivery_.fetch_add(1, std::memory_order_relaxed) % delivery_.size()];
+}
 
 Backend::~Backend() = default;
 
 void Backend::start() {
-    dataWork_.emplace(data_.get_executor());
-    acceptWork_.emplace(accept_.get_executor());
-    for (unsigned i = 0; i < deliveryThreads_; ++i) threads_.emplace_back([this] { data_.run(); });
+    for (auto& context : delivery_) {
+        work_.push_back(asio::make_work_guard(*context));
+        threads_.emplace_back([&c = *context] { c.run(); });
+    }
+    work_.push_back(asio::make_work_guard(accept_));
     threads_.emplace_back([this] { accept_.run(); });
 }
 
@@ -40,8 +52,7 @@ void Backend::shutdown() {
         for (DeviceState* device : devices_) device->close();
     }
     // With every socket closed, the open I/O completes as cancelled and the threads run dry.
-    acceptWork_.reset();
-    dataWork_.reset();
+    for (WorkGuard& guard : work_) guard.reset();
     for (std::thread& t : threads_) t.join();
     threads_.clear();
 }

@@ -1,6 +1,5 @@
 #include "platform/IoDevice.h"
 
-#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
@@ -26,7 +25,7 @@ void Notify(Call&& call) {
 }
 
 void DeliverCancelled(const std::shared_ptr<DeviceState>& state, SmartPointer<IoRequest> request) {
-    asio::post(state->strand, [request = std::move(request)] {
+    asio::post(state->executor, [request = std::move(request)] {
         Notify([&] { request->notify()->cancelled(request); });
     });
 }
@@ -67,13 +66,14 @@ void StartNextWrite(const std::shared_ptr<DeviceState>& state) {
     IoRequest* front = state->writes.front().get();
     if (state->closed) {
         lock.unlock();
-        asio::post(state->strand, [state] { OnWritten(state, asio::error::operation_aborted, 0); });
+        asio::post(state->executor,
+                   [state] { OnWritten(state, asio::error::operation_aborted, 0); });
         return;
     }
-    asio::async_write(
-        state->socket, asio::buffer(front->buffer(), front->length()),
-        asio::bind_executor(state->strand, [state](const boost::system::error_code& ec,
-                                                   size_t bytes) { OnWritten(state, ec, bytes); }));
+    asio::async_write(state->socket, asio::buffer(front->buffer(), front->length()),
+                      [state](const boost::system::error_code& ec, size_t bytes) {
+                          OnWritten(state, ec, bytes);
+                      });
 }
 
 }  // namespace
@@ -98,21 +98,19 @@ void IoDevice::read(const SmartPointer<IoRequest>& request) {
     // The handler holds the device's state and the request until the read has ended.
     state->socket.async_read_some(
         asio::buffer(request->buffer(), request->size()),
-        asio::bind_executor(
-            state->strand, [state, request](const boost::system::error_code& ec, size_t bytes) {
-                if (!ec) {
-                    Notify([&] {
-                        request->notify()->completed(request, static_cast<uint32_t>(bytes));
-                    });
-                } else if (PeerClosed(ec)) {
-                    Notify([&] { request->notify()->completed(request, 0); });
-                } else if (ec == asio::error::operation_aborted) {
-                    Notify([&] { request->notify()->cancelled(request); });
-                } else {
-                    ExSystem error(posix::ErrorFromAsio(ec), OSB_HERE);
-                    Notify([&] { request->notify()->failed(request, error); });
-                }
-            }));
+        [state, request](const boost::system::error_code& ec, size_t bytes) {
+            if (!ec) {
+                Notify(
+                    [&] { request->notify()->completed(request, static_cast<uint32_t>(bytes)); });
+            } else if (PeerClosed(ec)) {
+                Notify([&] { request->notify()->completed(request, 0); });
+            } else if (ec == asio::error::operation_aborted) {
+                Notify([&] { request->notify()->cancelled(request); });
+            } else {
+                ExSystem error(posix::ErrorFromAsio(ec), OSB_HERE);
+                Notify([&] { request->notify()->failed(request, error); });
+            }
+        });
 }
 
 void IoDevice::write(const SmartPointer<IoRequest>& request) {

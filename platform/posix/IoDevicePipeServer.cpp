@@ -94,7 +94,7 @@ void ServerState::acceptNext() {
     if (closed_) return;
     auto self = shared_from_this();
     acceptor_.async_accept(
-        backend_->data(), [self](const boost::system::error_code& ec, Socket socket) {
+        backend_->nextDelivery(), [self](const boost::system::error_code& ec, Socket socket) {
             if (ec == asio::error::operation_aborted) return;
             if (!ec) {
                 auto impl = std::make_unique<IoDevice::Impl>();
