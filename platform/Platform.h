@@ -23,7 +23,7 @@ struct Config {
 void PlatformInit(const Config& config);
 void PlatformUninit();
 
-// The configuration in force, or a default one before PlatformInit.
-const Config& CurrentConfig();
+// A copy of the configuration in force, or a default one before PlatformInit. Any thread.
+Config CurrentConfig();
 
 }  // namespace Osb

@@ -47,8 +47,8 @@ void PlatformUninit() {
     if (ending) ending->shutdown();
 }
 
-const Config& CurrentConfig() {
-    // The configuration is written only by PlatformInit, before any thread that reads it exists.
+Config CurrentConfig() {
+    std::lock_guard<std::mutex> lock(platformMutex);
     return config;
 }
 

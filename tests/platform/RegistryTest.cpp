@@ -107,7 +107,8 @@ TEST_F(RegistryTest, OpeningAMissingKeyGivesTwoAndCreatesNothing) {
     // A missing key below an existing one, and a value's name used as a key.
     HKey parent = create(u"Software\\Orvanta");
     ASSERT_EQ(setText(parent, u"Value", u"x"), 0);
-    for (const std::u16string& subKey : {u"Mirelle Studio\\14.0", u"Value", u"Value\\Below"}) {
+    const std::u16string missingBelow[] = {u"Mirelle Studio\\14.0", u"Value", u"Value\\Below"};
+    for (const std::u16string& subKey : missingBelow) {
         HKey key = nullptr;
         EXPECT_EQ(Osb::RegOpenKeyExW(parent, subKey, 0, Reg::kKeyRead, &key), kFileNotFound);
     }
@@ -116,8 +117,9 @@ TEST_F(RegistryTest, OpeningAMissingKeyGivesTwoAndCreatesNothing) {
 }
 
 TEST_F(RegistryTest, KeyNamesThatAreNoSingleNameAreRefused) {
-    for (const std::u16string& subKey : {u"Software\\.", u"..\\..\\etc", u"Software\\..\\x",
-                                         u"Soft/ware", u"a\\b/c", std::u16string(u"a\0b", 3)}) {
+    const std::u16string refused[] = {u"Software\\.", u"..\\..\\etc", u"Software\\..\\x",
+                                      u"Soft/ware",   u"a\\b/c",      std::u16string(u"a\0b", 3)};
+    for (const std::u16string& subKey : refused) {
         HKey key = nullptr;
         EXPECT_EQ(Osb::RegCreateKeyExW(Osb::HKeyLocalMachine(), subKey, Reg::kKeyAllAccess, &key,
                                        nullptr),
@@ -255,7 +257,8 @@ TEST_F(RegistryTest, AccessAndArgumentsAreChecked) {
     EXPECT_EQ(Osb::RegSetValueExW(writable, u"Locale", 4 /* REG_DWORD */,
                                   reinterpret_cast<const uint8_t*>(u"x"), 4),
               kInvalidParameter);
-    for (const std::u16string& name : {u"", u".", u"..", u"a/b"}) {
+    const std::u16string refused[] = {u"", u".", u"..", u"a/b"};
+    for (const std::u16string& name : refused) {
         EXPECT_EQ(setText(writable, name, u"x"), kInvalidName)
             << std::string(name.begin(), name.end());
         EXPECT_EQ(Osb::RegQueryValueExW(writable, name, nullptr, nullptr, nullptr), kInvalidName);
