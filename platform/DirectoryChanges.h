@@ -1,0 +1,82 @@
+// Directory change notification: a folder opened for watching, and reads that complete with a
+// batch of changes, in the manner of ReadDirectoryChangesW with a completion routine.
+//
+// A read fills the caller's buffer with FileNotifyInformation records (the layout below) and then
+// runs the completion routine as an APC on the thread that issued the read, in that thread's next
+// alertable wait (Apc.h). The names in the records are relative to the opened folder, with '/'
+// between components, in UTF-16.
+//
+// Ends of a read:
+//   - changes:             error 0, bytes > 0.
+//   - CloseDirectory:      error 0, bytes 0 (also for a read issued after the close).
+//   - kernel overflow:     error 0, bytes 0; the changes that did not fit are lost.
+//   - the folder deleted, moved away or unmounted: an error code (2), bytes 0.
+//   - a watch the kernel refuses (too many watches): an error code, never silence.
+// Changes that arrive while no read is outstanding are kept and delivered by the next read, over
+// as many reads as they need; only a kernel overflow loses any.
+//
+// Changes reported (the filter of file names, directory names and attributes): a name created
+// (1), deleted (2), its attributes changed (3), renamed from (4) and to (5). A content write alone
+// is not a change. A subtree watch covers every directory below the folder, also those made later:
+// when a new directory appears, its entries at that moment are reported as created too, so that
+// nothing made in it before its watch existed is missed. Symbolic links are not followed.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Osb {
+
+struct DirectoryHandleState;
+using HDirectory = DirectoryHandleState*;
+
+namespace FileAction {
+constexpr uint32_t kAdded = 1;
+constexpr uint32_t kRemoved = 2;
+constexpr uint32_t kModified = 3;
+constexpr uint32_t kRenamedOldName = 4;
+constexpr uint32_t kRenamedNewName = 5;
+}  // namespace FileAction
+
+// One record of a read's buffer, 4-byte aligned:
+//   0  NextEntryOffset  bytes from this record to the next; 0 in the last
+//   4  Action           one of FileAction
+//   8  FileNameLength   bytes of FileName (no terminator)
+//   12 FileName         UTF-16 units
+struct FileNotifyInformation {
+    uint32_t nextEntryOffset;
+    uint32_t action;
+    uint32_t fileNameLength;
+    char16_t fileName[1];
+};
+constexpr uint32_t kFileNotifyHeaderBytes = 12;
+
+// The caller's record of one outstanding read; the completion routine gets it back.
+struct DirectoryOverlapped {
+    void* context = nullptr;
+};
+
+using DirectoryCompletion = void (*)(uint32_t errorCode, uint32_t bytes,
+                                     DirectoryOverlapped* overlapped);
+
+// Opens `path` (UTF-16, ending with '/' or not) for watching. Returns null and sets the last
+// error (ErrorCode.h) when it is not an existing folder. Nobody is kept from renaming or deleting
+// the folder.
+HDirectory OpenDirectoryForWatch(const std::u16string& path);
+
+// Issues one read. At most one read is outstanding per handle; a second one is refused with 87.
+// `buffer` and `overlapped` must stay valid until the completion has run. Returns false and sets
+// the last error when the read cannot be issued (the watch cannot be set up, say).
+bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool watchSubtree,
+                          DirectoryOverlapped* overlapped, DirectoryCompletion completion);
+
+// Closes the handle: an outstanding read completes with 0 bytes. Any thread.
+void CloseDirectory(HDirectory handle);
+
+// The attributes of `path` as the directory test sees them (from lstat): 0x10 directory, +0x400
+// symbolic link, +0x02 a last component beginning with '.', +0x01 owner may not write; 0x80 when
+// none of these holds; kInvalidFileAttributes for a path that does not exist.
+constexpr uint32_t kInvalidFileAttributes = 0xFFFFFFFF;
+uint32_t GetFileAttributes(const std::u16string& path);
+
+}  // namespace Osb

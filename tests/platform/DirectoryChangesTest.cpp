@@ -1,0 +1,292 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/DirectoryChanges.h"
+#include "platform/ErrorCode.h"
+#include "platform/Sleep.h"
+#include "platform/Utf.h"
+#include "tests/support/ScratchRoot.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Osb::FileAction::kAdded;
+using Osb::FileAction::kModified;
+using Osb::FileAction::kRemoved;
+using Osb::FileAction::kRenamedNewName;
+using Osb::FileAction::kRenamedOldName;
+
+struct Change {
+    uint32_t action;
+    std::string name;
+    bool operator<(const Change& o) const { return std::tie(action, name) < std::tie(o.action, o.name); }
+    bool operator==(const Change& o) const = default;
+};
+
+// One watched folder read from this thread; completions arrive in its alertable waits.
+class Watch {
+public:
+    Watch(const std::string& folder, bool subtree, uint32_t bufferBytes = 65536)
+        : subtree_(subtree), buffer_(bufferBytes) {
+        handle_ = Osb::OpenDirectoryForWatch(Osb::Utf8ToUtf16(folder));
+        overlapped_.context = this;
+    }
+    ~Watch() {
+        if (handle_) close();
+    }
+    bool opened() const { return handle_ != nullptr; }
+
+    bool issue() {
+        done_ = false;
+        outstanding_ = true;
+        return outstanding_ = Osb::ReadDirectoryChanges(handle_, buffer_.data(), static_cast<uint32_t>(buffer_.size()),
+                                         subtree_, &overlapped_, &Watch::onCompletion);
+    }
+    // Waits up to `ms` for the outstanding read's completion.
+    bool wait(int ms = 10000) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (!done_ && std::chrono::steady_clock::now() < deadline) Osb::SleepEx(50, true);
+        if (done_) outstanding_ = false;
+        return done_;
+    }
+    // Reads until `expected` has all been seen, counting what the last completed read brought
+    // (or until the time is up); returns everything seen, that read's changes first.
+    std::vector<Change> collectUntil(const std::set<Change>& expected, int ms = 10000) {
+        std::vector<Change> all;
+        std::set<Change> missing = expected;
+        if (done_ && bytes_ > 0) {
+            for (const Change& c : decode()) {
+                missing.erase(c);
+                all.push_back(c);
+            }
+        }
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (!missing.empty() && std::chrono::steady_clock::now() < deadline) {
+            if (!issue()) break;
+            if (!wait(ms)) break;
+            if (bytes_ == 0) break;
+            for (const Change& c : decode()) {
+                missing.erase(c);
+                all.push_back(c);
+            }
+        }
+        return all;
+    }
+    std::vector<Change> decode() const {
+        std::vector<Change> out;
+        size_t at = 0;
+        for (;;) {
+            Osb::FileNotifyInformation record;
+            std::memcpy(&record, buffer_.data() + at, Osb::kFileNotifyHeaderBytes);
+            std::u16string name(record.fileNameLength / 2, u'\0');
+            std::memcpy(name.data(), buffer_.data() + at + Osb::kFileNotifyHeaderBytes, record.fileNameLength);
+            out.push_back({record.action, Osb::Utf16ToUtf8(name)});
+            if (record.nextEntryOffset == 0) break;
+            at += record.nextEntryOffset;
+        }
+        return out;
+    }
+    // Closes the handle; an outstanding read's completion is awaited, since it refers to us.
+    void close() {
+        Osb::CloseDirectory(handle_);
+        handle_ = nullptr;
+        if (outstanding_) wait();
+    }
+    uint32_t error() const { return error_; }
+    uint32_t bytes() const { return bytes_; }
+    Osb::HDirectory handle() const { return handle_; }
+
+private:
+    static void onCompletion(uint32_t error, uint32_t bytes, Osb::DirectoryOverlapped* o) {
+        auto* self = static_cast<Watch*>(o->context);
+        self->error_ = error;
+        self->bytes_ = bytes;
+        self->done_ = true;
+    }
+
+    bool subtree_;
+    std::vector<uint8_t> buffer_;
+    Osb::HDirectory handle_ = nullptr;
+    Osb::DirectoryOverlapped overlapped_;
+    bool done_ = false;
+    bool outstanding_ = false;
+    uint32_t error_ = 0, bytes_ = 0;
+};
+
+void Touch(const fs::path& p) { std::ofstream(p) << "x"; }
+
+class DirectoryChangesTest : public ::testing::Test {
+protected:
+    void SetUp() override { fs::create_directories(folder_); }
+    vigil_test::ScratchRoot root_;
+    std::string folder_ = root_ / "watched";
+};
+
+TEST_F(DirectoryChangesTest, EachKindOfChangeHasItsAction) {
+    Touch(folder_ + "/old");
+    Watch w(folder_, false);
+    ASSERT_TRUE(w.opened());
+    ASSERT_TRUE(w.issue());  // sets up the watch; nothing has happened yet
+    Touch(folder_ + "/new");
+    fs::rename(folder_ + "/old", folder_ + "/renamed");
+    fs::permissions(folder_ + "/new", fs::perms::owner_read);
+    fs::remove(folder_ + "/renamed");
+    ASSERT_TRUE(w.wait());
+    std::set<Change> expected{{kAdded, "new"}, {kRenamedOldName, "old"}, {kRenamedNewName, "renamed"},
+                              {kModified, "new"}, {kRemoved, "renamed"}};
+    std::vector<Change> seen = w.collectUntil(expected);
+    EXPECT_EQ(std::set<Change>(seen.begin(), seen.end()), expected);
+    // In the order they happened.
+    EXPECT_EQ(seen.front(), (Change{kAdded, "new"}));
+}
+
+TEST_F(DirectoryChangesTest, ContentWriteAloneIsNoChange) {
+    Touch(folder_ + "/file");
+    Watch w(folder_, false);
+    ASSERT_TRUE(w.issue());
+    std::ofstream(folder_ + "/file", std::ios::app) << "more content";
+    Touch(folder_ + "/marker");
+    ASSERT_TRUE(w.wait());
+    std::vector<Change> seen = w.decode();
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.front(), (Change{kAdded, "marker"}));
+}
+
+TEST_F(DirectoryChangesTest, FlatWatchDoesNotSeeBelowItsEntries) {
+    fs::create_directories(folder_ + "/sub");
+    Watch w(folder_, false);
+    ASSERT_TRUE(w.issue());
+    Touch(folder_ + "/sub/inner");
+    Touch(folder_ + "/top");
+    ASSERT_TRUE(w.wait());
+    EXPECT_EQ(w.decode(), std::vector<Change>{(Change{kAdded, "top"})});
+}
+
+// A deep tree made at once and filled straight away: nothing in it may be missed, although its
+// directories get their watches only after they exist.
+TEST_F(DirectoryChangesTest, SubtreeReportsEverythingInADeepNewTree) {
+    Watch w(folder_, true);
+    ASSERT_TRUE(w.issue());
+    fs::create_directories(folder_ + "/a/b/c/d/e");
+    Touch(folder_ + "/a/b/c/d/e/deep");
+    Touch(folder_ + "/a/b/mid");
+    ASSERT_TRUE(w.wait());
+    std::set<Change> expected{{kAdded, "a"},           {kAdded, "a/b"},      {kAdded, "a/b/c"},
+                              {kAdded, "a/b/c/d"},     {kAdded, "a/b/c/d/e"},
+                              {kAdded, "a/b/c/d/e/deep"}, {kAdded, "a/b/mid"}};
+    std::vector<Change> seen = w.collectUntil(expected);
+    std::set<Change> got(seen.begin(), seen.end());
+    for (const Change& c : expected) EXPECT_TRUE(got.count(c)) << c.name;
+    // A later change deep inside is seen through the new watches.
+    Touch(folder_ + "/a/b/c/later");
+    ASSERT_TRUE(w.issue());
+    ASSERT_TRUE(w.wait());
+    auto later = w.collectUntil({{kAdded, "a/b/c/later"}});
+    EXPECT_EQ(std::count(later.begin(), later.end(), Change{kAdded, "a/b/c/later"}), 1);
+}
+
+TEST_F(DirectoryChangesTest, BacklogLargerThanOneBufferArrivesOverSeveralReads) {
+    Watch w(folder_, false, 4096);
+    ASSERT_TRUE(w.issue());
+    std::set<Change> expected;
+    for (int i = 0; i < 2000; ++i) {
+        std::string name = "file-" + std::to_string(i);
+        Touch(folder_ + "/" + name);
+        expected.insert({kAdded, name});
+    }
+    ASSERT_TRUE(w.wait());
+    std::vector<Change> seen = w.collectUntil(expected, 20000);
+    std::set<Change> got;
+    for (const Change& c : seen) {
+        if (c.action == kAdded) got.insert(c);
+    }
+    EXPECT_EQ(got.size(), expected.size());
+}
+
+TEST_F(DirectoryChangesTest, CloseEndsTheReadWithZeroBytes) {
+    Watch w(folder_, true);
+    ASSERT_TRUE(w.issue());
+    w.close();
+    ASSERT_TRUE(w.wait());
+    EXPECT_EQ(w.error(), 0u);
+    EXPECT_EQ(w.bytes(), 0u);
+}
+
+TEST_F(DirectoryChangesTest, DeletedFolderEndsTheReadWithAnError) {
+    Watch w(folder_, true);
+    ASSERT_TRUE(w.issue());
+    fs::remove_all(folder_);
+    // The deletes of the entries may come first; the end is an error.
+    for (int i = 0; i < 10 && w.wait() && w.bytes() > 0; ++i) ASSERT_TRUE(w.issue());
+    EXPECT_NE(w.error(), 0u);
+    EXPECT_EQ(w.bytes(), 0u);
+}
+
+TEST_F(DirectoryChangesTest, TwoHandlesOnOneFolderBothSeeAndOneCloseSparesTheOther) {
+    Watch first(folder_, false);
+    Watch second(folder_, false);
+    ASSERT_TRUE(first.issue());
+    ASSERT_TRUE(second.issue());
+    Touch(folder_ + "/shared");
+    ASSERT_TRUE(first.wait());
+    ASSERT_TRUE(second.wait());
+    EXPECT_EQ(first.decode(), second.decode());
+    first.close();
+    ASSERT_TRUE(second.issue());
+    Touch(folder_ + "/after");
+    ASSERT_TRUE(second.wait());
+    EXPECT_EQ(second.decode().front(), (Change{kAdded, "after"}));
+}
+
+TEST_F(DirectoryChangesTest, OpeningWhatIsNoFolderFails) {
+    Touch(folder_ + "/file");
+    EXPECT_EQ(Osb::OpenDirectoryForWatch(Osb::Utf8ToUtf16(folder_ + "/missing")), nullptr);
+    EXPECT_EQ(Osb::ErrorCode(), Osb::Err::kFileNotFound);
+    EXPECT_EQ(Osb::OpenDirectoryForWatch(Osb::Utf8ToUtf16(folder_ + "/no/such/place")), nullptr);
+    EXPECT_EQ(Osb::ErrorCode(), Osb::Err::kPathNotFound);
+    EXPECT_EQ(Osb::OpenDirectoryForWatch(Osb::Utf8ToUtf16(folder_ + "/file")), nullptr);
+    EXPECT_EQ(Osb::ErrorCode(), Osb::Err::kDirectory);
+}
+
+TEST_F(DirectoryChangesTest, SecondOutstandingReadIsRefused) {
+    Watch w(folder_, false);
+    ASSERT_TRUE(w.issue());
+    std::vector<uint8_t> other(1024);
+    Osb::DirectoryOverlapped o;
+    EXPECT_FALSE(Osb::ReadDirectoryChanges(w.handle(), other.data(), 1024, false, &o,
+                                           [](uint32_t, uint32_t, Osb::DirectoryOverlapped*) {}));
+    EXPECT_EQ(Osb::ErrorCode(), Osb::Err::kInvalidParameter);
+}
+
+TEST_F(DirectoryChangesTest, AttributesAsTheDirectoryTestSeesThem) {
+    fs::create_directories(folder_ + "/dir");
+    fs::create_directories(folder_ + "/.hiddendir");
+    Touch(folder_ + "/file");
+    Touch(folder_ + "/.hidden");
+    Touch(folder_ + "/readonly");
+    fs::permissions(folder_ + "/readonly", fs::perms::owner_read);
+    fs::create_symlink(folder_ + "/dir", folder_ + "/link");
+    struct Case {
+        const char* name;
+        uint32_t attributes;
+    };
+    const Case cases[] = {{"dir", 0x10},     {".hiddendir", 0x12}, {"file", 0x80},
+                          {".hidden", 0x02}, {"readonly", 0x01},  {"link", 0x400},
+                          {"missing", Osb::kInvalidFileAttributes}};
+    for (const Case& c : cases) {
+        EXPECT_EQ(Osb::GetFileAttributes(Osb::Utf8ToUtf16(folder_ + "/" + c.name)), c.attributes)
+            << c.name;
+    }
+}
+
+}  // namespace
