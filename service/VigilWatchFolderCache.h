@@ -39,10 +39,11 @@ class WatchFolderCache {
     //
     // Reading stops at a wrong version line (any generation 1 file has one) or at the first
     // malformed folder line; the lines before it stay accepted. A line whose folder does not exist
-    // is skipped silently. `accept` gets each other line. After the file is closed, `save` is called
-    // when the read ended at a bad line or version or the file was of an older generation; then the
-    // generation 2 and 1 files are removed if their paths were built (results ignored). Exceptions of
-    // `accept` and `save` pass through; a failed `save` leaves the old files in place.
+    // is skipped silently. `accept` gets each other line. After the file is closed, `save` is
+    // called when the read ended at a bad line or version or the file was of an older generation;
+    // then the generation 2 and 1 files are removed if their paths were built (results ignored).
+    // Exceptions of `accept` and `save` pass through; a failed `save` leaves the old files in
+    // place.
     void load(const AcceptFolder& accept, const SaveTable& save);
 
     // Rewrites the current file with `table`. An empty table writes nothing: no file is created and

@@ -8,7 +8,8 @@ namespace {
 
 // Digit pair k (from 0) of the GUID text holds GUID byte kPairToByte[k]; the table is its own
 // printing order, so the writer and the reader cannot disagree.
-constexpr std::array<uint8_t, 16> kPairToByte = {3, 2, 1, 0, 5, 4, 7, 6, 9, 8, 11, 10, 15, 14, 13, 12};
+constexpr std::array<uint8_t, 16> kPairToByte = {3, 2, 1,  0,  5,  4,  7,  6,
+                                                 9, 8, 11, 10, 15, 14, 13, 12};
 // The printed groups end after these pairs; a dash follows the first four.
 constexpr std::array<size_t, 4> kDashAfterPair = {4, 6, 8, 10};
 
@@ -188,7 +189,8 @@ std::vector<uint8_t> encodeCacheFile(const CachedFolderTable& table) {
         for (const WatchedFolder& folder : folders) {
             // A Linux file name may hold a line feed, which the format cannot carry: the line
             // would come back as two malformed ones and end the load there.
-            if (folder.path.find_first_of(std::u16string_view(u"\n\0", 2)) != std::u16string::npos) {
+            if (folder.path.find_first_of(std::u16string_view(u"\n\0", 2)) !=
+                std::u16string::npos) {
                 continue;
             }
             appendFolderLine(guid, folder, out);

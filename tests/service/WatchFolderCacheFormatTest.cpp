@@ -73,7 +73,8 @@ TEST(WatchFolderCacheFormatTest, FileBytesAreTheVersionAndOneLinePerFolderInTabl
     Guid high = SequenceGuid();
     high.bytes[0] = 0xFF;
     table[high] = {{u"/b/", {0, 0, 1, 0}}};
-    table[SequenceGuid()] = {{u"C:\\Data\\", {1, 1, 0, 0}}, {u"/a/\u00e9\U0001F600/", {1, 0, 0, 1}}};
+    table[SequenceGuid()] = {{u"C:\\Data\\", {1, 1, 0, 0}},
+                             {u"/a/\u00e9\U0001F600/", {1, 0, 0, 1}}};
     Guid empty;
     table[empty] = {};
     table[empty];  // a client without folders adds no line
@@ -105,11 +106,10 @@ TEST(WatchFolderCacheFormatTest, VersionLineMustStateTheGenerationsVersion) {
         bool ok;
     };
     const Row rows[] = {
-        {3, u"0.5\n", true},      {3, u"0.5", true},      {3, u" 0.05\n", true},
-        {3, u"0.5 junk\n", true}, {3, u"0.3\n", false},   {3, u"1.5\n", false},
-        {3, u"0.\n", false},      {3, u"0.", false},
-        {3, u".5\n", false},      {3, u"\n", false},      {2, u"0.3\n", true},
-        {2, u"0.5\n", false},     {1, u"0.5\n", false},   {1, u"0.3\n", false},
+        {3, u"0.5\n", true},  {3, u"0.5", true},    {3, u" 0.05\n", true}, {3, u"0.5 junk\n", true},
+        {3, u"0.3\n", false}, {3, u"1.5\n", false}, {3, u"0.\n", false},   {3, u"0.", false},
+        {3, u".5\n", false},  {3, u"\n", false},    {2, u"0.3\n", true},   {2, u"0.5\n", false},
+        {1, u"0.5\n", false}, {1, u"0.3\n", false},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(Osb::Utf16ToUtf8(row.line) + " gen " + std::to_string(row.generation));
@@ -148,7 +148,7 @@ TEST(WatchFolderCacheFormatTest, CurrentFolderLineReadsByFixedColumns) {
     };
     const Row rows[] = {
         {g + u", 1, 0, 1, 0, " + p12 + u"\n", {true, p12, 1, 0, 1, 0}},
-        {g + u", 0, 0, 0, 0, " + p12, {true, p12.substr(0, 11), 0, 0, 0, 0}},  // lost its end
+        {g + u", 0, 0, 0, 0, " + p12, {true, p12.substr(0, 11), 0, 0, 0, 0}},    // lost its end
         {g + u", 7, -1, 0, 9, " + p12 + u"\n", {true, u" " + p12, 1, 1, 0, 1}},  // shifted
         {g + u",0,0,1,0,     " + p12 + u"\n", {true, p12, 0, 0, 1, 0}},
         {g + u"; 0, 0, 1, 0, " + p12 + u"\n", {true, p12, 1, 1, 0, 0}},  // defaults stay
@@ -156,10 +156,10 @@ TEST(WatchFolderCacheFormatTest, CurrentFolderLineReadsByFixedColumns) {
         {g + u", 1, 1, 0, 0, " + std::u16string(249, u'p') + u"\n",
          {true, std::u16string(249, u'p'), 1, 1, 0, 0}},
         {g + u", 1, 1, 0, 0, " + std::u16string(250, u'p') + u"\n", kMalformed},  // 301 units
-        {g + u", 1, 1, 0, 0, \n", {true, u"", 1, 1, 0, 0}},               // 51: one unit to cut
-        {g + u", 1, 1, 0, 0,\n", kMalformed},                                  // 50: no path column
-        {g + u", 1, \n", kMalformed},                                             // 42 units
-        {g + u"\n", kMalformed},                                                  // 37 units
+        {g + u", 1, 1, 0, 0, \n", {true, u"", 1, 1, 0, 0}},  // 51: one unit to cut
+        {g + u", 1, 1, 0, 0,\n", kMalformed},                // 50: no path column
+        {g + u", 1, \n", kMalformed},                        // 42 units
+        {g + u"\n", kMalformed},                             // 37 units
         {u"33221100-5544-7766-9988-BBAAFFEEDDCX, 1, 1, 0, 0, " + p12 + u"\n", kMalformed},
         {g + u", 1, 1, 0, 0, " + p12 + std::u16string(1, u'\0') + u"tail\n",
          {true, p12.substr(0, 11), 1, 1, 0, 0}},  // the text ends at a zero unit

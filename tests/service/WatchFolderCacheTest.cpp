@@ -62,7 +62,8 @@ class WatchFolderCacheTest : public ::testing::Test {
 
     void put(const char16_t* name, const std::vector<uint8_t>& bytes) {
         std::ofstream out(data_ + Osb::Utf16ToUtf8(name), std::ios::binary);
-        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        out.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
     }
     std::vector<uint8_t> bytesOf(const char16_t* name) const {
         std::ifstream in(data_ + Osb::Utf16ToUtf8(name), std::ios::binary);
@@ -70,7 +71,8 @@ class WatchFolderCacheTest : public ::testing::Test {
     }
     std::set<std::string> dataFiles() const {
         std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(data_)) names.insert(entry.path().filename());
+        for (const auto& entry : fs::directory_iterator(data_))
+            names.insert(entry.path().filename());
         return names;
     }
 
@@ -105,41 +107,65 @@ TEST_F(WatchFolderCacheTest, LoadOutcomesFollowGenerationVersionAndLines) {
     const char16_t* g3 = Vigil::Watch::kCacheFileName3;
     const char16_t* g2 = Vigil::Watch::kCacheFileName2;
     const char16_t* g1 = Vigil::Watch::kCacheFileName1;
-    const std::u16string longLine = kGuidText + u", 1, 1, 0, 0, " + std::u16string(2000, u'x') + u"\n";
+    const std::u16string longLine =
+        kGuidText + u", 1, 1, 0, 0, " + std::u16string(2000, u'x') + u"\n";
     struct Row {
         const char* what;
         std::vector<std::pair<const char16_t*, std::u16string>> files;
-        std::vector<std::string> loaded;         // folder names accepted, in order
+        std::vector<std::string> loaded;  // folder names accepted, in order
         int saves;
-        std::set<std::string> left;              // files in the data folder afterwards
-        std::optional<std::u16string> current;   // the current file's text afterwards
+        std::set<std::string> left;             // files in the data folder afterwards
+        std::optional<std::u16string> current;  // the current file's text afterwards
     };
     const Row rows[] = {
         {"good current file, a missing folder skipped",
-         {{g3, u"0.5\n" + line3("a") + line3("gone") + line3("b")}}, {"a", "b"}, 0,
-         {"WatchFolder.3.cache"}, u"0.5\n" + line3("a") + line3("gone") + line3("b")},
+         {{g3, u"0.5\n" + line3("a") + line3("gone") + line3("b")}},
+         {"a", "b"},
+         0,
+         {"WatchFolder.3.cache"},
+         u"0.5\n" + line3("a") + line3("gone") + line3("b")},
         {"version line only", {{g3, u"0.5\n"}}, {}, 0, {"WatchFolder.3.cache"}, u"0.5\n"},
-        {"wrong version", {{g3, u"0.4\n" + line3("a")}}, {}, 1, {"WatchFolder.3.cache"},
+        {"wrong version",
+         {{g3, u"0.4\n" + line3("a")}},
+         {},
+         1,
+         {"WatchFolder.3.cache"},
          u"0.4\n" + line3("a")},
         {"empty current file", {{g3, u""}}, {}, 1, {"WatchFolder.3.cache"}, u""},
         {"malformed line ends the load",
          {{g3, u"0.5\n" + line3("a") + u"this line is long enough but holds no GUID at all\n" +
                    line3("b")}},
-         {"a"}, 1, {"WatchFolder.3.cache"}, u"0.5\n" + line3("a")},
-        {"first folder line malformed", {{g3, u"0.5\nshort\n" + line3("a")}}, {}, 1,
-         {"WatchFolder.3.cache"}, u"0.5\nshort\n" + line3("a")},
-        {"over-long line ends the load", {{g3, u"0.5\n" + line3("a") + longLine + line3("b")}},
-         {"a"}, 1, {"WatchFolder.3.cache"}, u"0.5\n" + line3("a")},
+         {"a"},
+         1,
+         {"WatchFolder.3.cache"},
+         u"0.5\n" + line3("a")},
+        {"first folder line malformed",
+         {{g3, u"0.5\nshort\n" + line3("a")}},
+         {},
+         1,
+         {"WatchFolder.3.cache"},
+         u"0.5\nshort\n" + line3("a")},
+        {"over-long line ends the load",
+         {{g3, u"0.5\n" + line3("a") + longLine + line3("b")}},
+         {"a"},
+         1,
+         {"WatchFolder.3.cache"},
+         u"0.5\n" + line3("a")},
         {"older generation migrated, generation 1 beside it left",
          {{g2, u"0.3\n" + line2("a", u'0') + line2("gone", u'1') + line2("b", u'1')}, {g1, u"old"}},
-         {"a", "b"}, 1, {"WatchFolder.3.cache", "WatchFolder.cache"},
+         {"a", "b"},
+         1,
+         {"WatchFolder.3.cache", "WatchFolder.cache"},
          u"0.5\n" + line3("a", u"0, 1, 0, 0") + line3("b", u"1, 1, 0, 0")},
         {"older generation with a wrong version", {{g2, u"0.5\n" + line3("a")}}, {}, 1, {}, {}},
         {"generation 1 only", {{g1, u"0.5\n" + line3("a")}}, {}, 1, {}, {}},
         {"no file", {}, {}, 0, {}, {}},
         {"current file present: older one untouched",
-         {{g3, u"0.5\n" + line3("a")}, {g2, u"0.3\n" + line2("b", u'1')}}, {"a"}, 0,
-         {"WatchFolder.3.cache", "WatchFolder.2.cache"}, u"0.5\n" + line3("a")},
+         {{g3, u"0.5\n" + line3("a")}, {g2, u"0.3\n" + line2("b", u'1')}},
+         {"a"},
+         0,
+         {"WatchFolder.3.cache", "WatchFolder.2.cache"},
+         u"0.5\n" + line3("a")},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
@@ -173,17 +199,11 @@ TEST_F(WatchFolderCacheTest, SavedTableLoadsBackWithItsOptions) {
     const Loaded loaded = load();
     EXPECT_EQ(loaded.saves, 0);
     CachedFolderTable back;
-    for (size_t i = 0; i < loaded.folders.size(); ++i) back[loaded.guids[i]].push_back(loaded.folders[i]);
-    ASSERT_EQ(back.size(), table.size());
-    for (const auto& [guid, folders] : table) {
-        ASSERT_EQ(back[guid].size(), folders.size());
-        for (size_t i = 0; i < folders.size(); ++i) {
-            EXPECT_EQ(back[guid][i].path, folders[i].path);
-            const auto& [s, c, r, x] = back[guid][i].options;
-            const auto& [ws, wc, wr, wx] = folders[i].options;
-            EXPECT_EQ(std::tie(s, c, r, x), std::tie(ws, wc, wr, wx));
-        }
+    for (size_t i = 0; i < loaded.folders.size(); ++i) {
+        back[loaded.guids[i]].push_back(loaded.folders[i]);
     }
+    EXPECT_EQ(Vigil::Watch::encodeCacheFile(back), Vigil::Watch::encodeCacheFile(table));
+    EXPECT_EQ(loaded.folders.size(), 3u);
 }
 
 TEST_F(WatchFolderCacheTest, EmptyTableWritesNothingAndKeepsTheOldFile) {
