@@ -74,7 +74,29 @@ void appendUnit(char16_t unit, std::vector<uint8_t>& out) {
 }
 
 void appendText(std::u16string_view text, std::vector<uint8_t>& out) {
-    for (const char16_t unit : text) appendUnit(unit, out);
+    const size_t at = out.size();
+    out.resize(at + 2 * text.size());
+    uint8_t* put = out.data() + at;
+    for (const char16_t unit : text) {
+        *put++ = static_cast<uint8_t>(unit & 0xFF);
+        *put++ = static_cast<uint8_t>(unit >> 8);
+    }
+}
+
+// A folder line behind a GUID text made once per client.
+void appendLine(std::u16string_view guidText, const WatchedFolder& folder,
+                std::vector<uint8_t>& out) {
+    appendText(guidText, out);
+    // The columns hold single digits; a stored option other than 0 or 1 is still written as 1 so
+    // that the path stays at column 50.
+    const FolderOptions& o = folder.options;
+    char16_t middle[] = u", 0, 0, 0, 0, ";
+    middle[2] = o.watchSubtree != 0 ? u'1' : u'0';
+    middle[5] = o.reportChanged != 0 ? u'1' : u'0';
+    middle[8] = o.reportRemoved != 0 ? u'1' : u'0';
+    appendText(std::u16string_view(middle, 14), out);
+    appendText(folder.path, out);
+    appendUnit(u'\n', out);
 }
 
 }  // namespace
@@ -169,23 +191,19 @@ bool parseFolderLine(int generation, std::u16string_view line, Guid& guid, Watch
 }
 
 void appendFolderLine(const Guid& guid, const WatchedFolder& folder, std::vector<uint8_t>& out) {
-    appendText(formatGuid(guid), out);
-    // The columns hold single digits; a stored option other than 0 or 1 is still written as 1 so
-    // that the path stays at column 50.
-    const FolderOptions& o = folder.options;
-    std::u16string middle = u", 0, 0, 0, 0, ";
-    middle[2] = o.watchSubtree != 0 ? u'1' : u'0';
-    middle[5] = o.reportChanged != 0 ? u'1' : u'0';
-    middle[8] = o.reportRemoved != 0 ? u'1' : u'0';
-    appendText(middle, out);
-    appendText(folder.path, out);
-    appendUnit(u'\n', out);
+    appendLine(formatGuid(guid), folder, out);
 }
 
 std::vector<uint8_t> encodeCacheFile(const CachedFolderTable& table) {
+    size_t bytes = 8;
+    for (const auto& [guid, folders] : table) {
+        for (const WatchedFolder& folder : folders) bytes += 2 * (51 + folder.path.size());
+    }
     std::vector<uint8_t> out;
+    out.reserve(bytes);
     appendText(u"0.5\n", out);
     for (const auto& [guid, folders] : table) {
+        const std::u16string guidText = formatGuid(guid);
         for (const WatchedFolder& folder : folders) {
             // A Linux file name may hold a line feed, which the format cannot carry: the line
             // would come back as two malformed ones and end the load there.
@@ -193,7 +211,7 @@ std::vector<uint8_t> encodeCacheFile(const CachedFolderTable& table) {
                 std::u16string::npos) {
                 continue;
             }
-            appendFolderLine(guid, folder, out);
+            appendLine(guidText, folder, out);
         }
     }
     return out;
