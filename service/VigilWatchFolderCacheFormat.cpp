@@ -35,9 +35,9 @@ std::u16string_view textOf(std::u16string_view line) {
 }
 
 // One number conversion of a scan format ("%d" with base 10, "%X" with base 16): blanks, a sign,
-// for base 16 an optional 0x, then at least one digit. The value wraps at 32 bits, as the C
-// runtime's scanner lets it; only whether it is 0 matters to the callers. False when no digit
-// stands there, with `pos` then unspecified (the scan ends anyway).
+// for base 16 an optional 0x, then at least one digit. A value too large for 32 bits keeps its low
+// 32 bits rather than failing the line; only GUID words and whether an option is 0 depend on it.
+// False when no digit stands there, with `pos` then unspecified (the scan ends anyway).
 bool scanNumber(std::u16string_view text, size_t& pos, int base, uint32_t& value) {
     skipBlanks(text, pos);
     bool negative = false;
