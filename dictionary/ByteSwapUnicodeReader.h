@@ -8,7 +8,7 @@
 namespace lexkit_private {
 
 class ByteSwapUnicodeReader : public UnicodeReader {
-public:
+  public:
     explicit ByteSwapUnicodeReader(std::istream& source) : UnicodeReader(source) {}
 
     bool ReadUnit(char16_t& unit) override;

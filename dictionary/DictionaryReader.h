@@ -25,7 +25,7 @@
 namespace lexkit_private {
 
 class DictionaryReader {
-public:
+  public:
     DictionaryReader(const DictionaryReader&) = delete;
     DictionaryReader& operator=(const DictionaryReader&) = delete;
     virtual ~DictionaryReader();
@@ -45,7 +45,7 @@ public:
     // often as a line needs: 256, 384, 576, 864, ...
     size_t LineCapacityForTesting() const { return lineCapacity_; }
 
-protected:
+  protected:
     explicit DictionaryReader(std::istream& source);
 
     // The one source of bytes of all readers: reads up to `count` bytes one at a time through the
@@ -68,7 +68,7 @@ protected:
 
     static constexpr size_t kInitialCapacity = 256;
 
-private:
+  private:
     std::istream* source_;  // not owned
     std::unique_ptr<char16_t[]> line_;
     size_t lineCapacity_;

@@ -13,7 +13,7 @@
 namespace lexkit_private {
 
 class MultibyteReader : public DictionaryReader {
-public:
+  public:
     explicit MultibyteReader(std::istream& source);
     ~MultibyteReader() override;
 
@@ -22,7 +22,7 @@ public:
 
     size_t ByteCapacityForTesting() const { return byteCapacity_; }
 
-private:
+  private:
     void AppendByte(unsigned char byte);
 
     std::unique_ptr<unsigned char[]> bytes_;

@@ -12,7 +12,7 @@
 namespace lexkit_private {
 
 class UnicodeReader : public DictionaryReader {
-public:
+  public:
     explicit UnicodeReader(std::istream& source) : DictionaryReader(source) {}
 
     const char16_t* ReadLine() override;
@@ -21,7 +21,7 @@ public:
     // unit is 0. A lone last byte gives U+FFFD and false.
     virtual bool ReadUnit(char16_t& unit);
 
-protected:
+  protected:
     // ReadUnit's work, with the unit's two bytes swapped when `swap` is set.
     bool ReadUnitInOrder(char16_t& unit, bool swap);
 };

@@ -16,7 +16,8 @@
 //   - UTF-8 to UTF-16: each maximal ill-formed subpart becomes U+FFFD, as Windows does;
 //   - UTF-16 to UTF-8: a lone surrogate becomes U+FFFD;
 //   - Windows-1252 to UTF-16: every byte has a unit; the five bytes that 1252 leaves undefined
-//     (0x81, 0x8D, 0x8F, 0x90, 0x9D) become the C1 controls of the same value, as Windows maps them;
+//     (0x81, 0x8D, 0x8F, 0x90, 0x9D) become the C1 controls of the same value, as Windows maps
+//     them;
 //   - UTF-16 to Windows-1252: a unit without a byte in 1252 becomes '?' (0x3F). Windows would try
 //     a best-fit letter first (U+0100 to 'A'); we keep no best-fit table, and the dictionary uses
 //     this direction only for writing files that it can read back.
