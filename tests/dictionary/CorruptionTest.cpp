@@ -61,7 +61,11 @@ TEST(CorruptionTest, SamplesLoadCleanly) {
 }
 
 TEST(CorruptionTest, EveryByteDamagedInFourWaysStillLoadsAndAnswers) {
-    for (const Sample& s : Samples()) {
+    std::vector<Sample> samples = Samples();
+    FileBytes text;  // UTF-16LE text with quotes, escapes and entities to break
+    text.U8(0xFF).U8(0xFE).Units(u"\r\n\"$$$/a=x\\\"y#{U+20AC}^T\"\r\n/bb=#{copy}#{endl}\n");
+    samples.push_back({"text", text});
+    for (const Sample& s : samples) {
         for (size_t at = 0; at < s.file.bytes.size(); ++at) {
             const uint8_t original = s.file.bytes[at];
             for (uint8_t damaged :

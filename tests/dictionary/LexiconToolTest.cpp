@@ -119,3 +119,34 @@ TEST_F(LexiconToolTest, CommandLineRefusesWhatItCannotDo) {
 
 }  // namespace
 }  // namespace lexkit_test
+
+namespace lexkit_test {
+namespace {
+
+// The translations compiled by the build, where the service looks for them.
+TEST(TranslationsTest, EveryShippedLocaleTranslatesBothServiceTexts) {
+    const char* const kDisplayName = "$$$/private/Vigil/Vigil_Display_Name=Orvanta Vigil Watch V";
+    const char* const kDescription =
+        "$$$/Vigil/Description=Tracks files that are managed by Mirelle Catalog";
+    for (const char* locale : {"de_DE", "fr_FR", "it_IT", "ja_JP", "nl_NL", "sv_SE", "es_ES"}) {
+        std::vector<uint8_t> bytes;
+        ASSERT_EQ(Osb::ReadFileBytes(Osb::Utf8ToUtf16(std::string(VIGIL_LOCALE_DIR) + "/" + locale +
+                                                      "/lexicon.dct"),
+                                     bytes),
+                  0u)
+            << locale;
+        Dictionary d;
+        LoadBytes(d, bytes);
+        EXPECT_TRUE(d.Valid()) << locale;
+        EXPECT_EQ(d.MajorVersion(), 2) << locale;
+        const std::u16string name = Look(d, kDisplayName);
+        const std::u16string description = Look(d, kDescription);
+        EXPECT_NE(name, u"Orvanta Vigil Watch V") << locale;
+        EXPECT_TRUE(name.ends_with(u" V")) << locale << ": the version number follows";
+        EXPECT_NE(description, u"Tracks files that are managed by Mirelle Catalog") << locale;
+        EXPECT_NE(description.find(u"Mirelle Catalog"), std::u16string::npos) << locale;
+    }
+}
+
+}  // namespace
+}  // namespace lexkit_test
