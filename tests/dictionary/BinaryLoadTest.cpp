@@ -67,6 +67,30 @@ INSTANTIATE_TEST_SUITE_P(Versions, Version2Test,
                                            Version2Case{1, true}, Version2Case{7, false},
                                            Version2Case{7, true}, Version2Case{127, true}));
 
+TEST(BinaryLoadTest, SecondFileLayersOverTheFirstByItsBaseIndex) {
+    Dictionary d;
+    LoadBytes(d, Version2File(7, false, {{"/a", u"first"}, {"/b", u"only first"}}).bytes);
+    LoadBytes(d, Version2File(7, true, {{"/a", u"second"}, {"/c", u"only second"}}).bytes);
+    EXPECT_TRUE(d.Valid());
+    EXPECT_EQ(Look(d, "/a=x"), u"second");
+    EXPECT_EQ(Look(d, "/b=x"), u"only first");
+    EXPECT_EQ(Look(d, "/c=x"), u"only second");
+    BlockOptions wrongBase;
+    wrongBase.baseIndex = 7;
+    LoadBytes(d, Version2File(7, false, {{"/d", u"refused"}}, wrongBase).bytes);
+    EXPECT_FALSE(d.Valid());
+    EXPECT_EQ(Look(d, "/d=x"), u"x");
+    EXPECT_EQ(Look(d, "/a=x"), u"second");
+}
+
+TEST(BinaryLoadTest, Version2FileHidesTheHashTableBehindIt) {
+    Dictionary d;
+    d.AddLine(u"/t=from text");
+    LoadBytes(d, Version2File(7, false, {{"/a", u"block"}}).bytes);
+    EXPECT_EQ(Look(d, "/t=hidden"), u"hidden");
+    EXPECT_EQ(Look(d, "/a=x"), u"block");
+}
+
 TEST(BinaryLoadTest, KeysFlagNBlockStaysButNoKeyReachesIt) {
     BlockOptions options;
     options.keysFlag = 'N';

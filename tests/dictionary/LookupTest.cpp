@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "dictionary/LookupString.h"
 #include "dictionary/LxErrException.h"
 #include "platform/FileSystem.h"
@@ -130,6 +132,26 @@ TEST_F(LookupStringTest, TextWithoutEqualsIsReturnedWholeAndValuesEndAtNul) {
     EXPECT_EQ(LookupString("$$$/a/b"), u"$$$/a/b");
     EXPECT_EQ(LookupString("caf\xc3\xa9"), u"caf\u00e9");
     EXPECT_EQ(LookupString("$$=x"), u"");
+}
+
+TEST_F(LookupStringTest, ConcurrentLookupsShareValuesUnderTheLock) {
+    const std::u16string path =
+        WriteFile("mt.dct", Version2File(7, true, {{"/ls/mt", u"block value"}}).bytes);
+    ASSERT_TRUE(LoadDictionary(path, 38, false));
+    std::vector<std::thread> threads;
+    std::vector<int> wrong(4, 0);
+    for (size_t t = 0; t < wrong.size(); ++t) {
+        threads.emplace_back([&wrong, t] {
+            for (int i = 0; i < 500; ++i) {
+                wrong[t] += LookupString("$$$/ls/mt=d") != u"block value";
+                wrong[t] += LookupString("$$$/ls/none=d") != u"d";
+                // A miss without default shares the one empty value and its plain count.
+                wrong[t] += LookupString("$$$/ls/none=") != u"";
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(wrong, std::vector<int>(4, 0));
 }
 
 }  // namespace
