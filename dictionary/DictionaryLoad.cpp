@@ -9,7 +9,6 @@
 #include "dictionary/DictionaryEntry.h"
 #include "dictionary/DictionaryFormat.h"
 #include "dictionary/DictionaryReader.h"
-#include "dictionary/TextConversionTable.h"
 #include "dictionary/Unescape.h"
 
 namespace lexkit_private {

@@ -121,17 +121,6 @@ TEST(BinaryLoadTest, BlockWithLiveCountZeroIsDroppedWhole) {
     EXPECT_EQ(Look(d, "/a=miss"), u"miss");
 }
 
-TEST(BinaryLoadTest, ExtraStringsAreReadAndLeaveLookupsAlone) {
-    BlockOptions options;
-    options.extras = {{0, u"note"}, {1, u"more"}};
-    FileBytes f = Version2File(7, true, {{"/a", u"one"}, {"/b", u"two"}}, options);
-    f.U8(0xEE);  // bytes behind the block are never read
-    Dictionary d;
-    LoadBytes(d, f.bytes);
-    EXPECT_TRUE(d.Valid());
-    EXPECT_EQ(Look(d, "/b=x"), u"two");
-}
-
 TEST(BinaryLoadTest, VersionsOutsideTheTableLoadNothingAndStayValid) {
     for (auto [major, minor] :
          {std::pair<int, int>{1, 1}, {1, 6}, {3, 0}, {0, 0}, {2, -1}, {-2, 7}, {1, -5}}) {

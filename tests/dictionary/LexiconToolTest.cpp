@@ -11,7 +11,6 @@
 #include "platform/FileSystem.h"
 #include "platform/Utf.h"
 #include "tests/dictionary/DictionaryTestUtil.h"
-#include "tests/dictionary/FileBytes.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace lexkit_test {
@@ -92,15 +91,6 @@ TEST_F(LexiconToolTest, TextToBinaryToTextKeepsEveryEntryInBothByteOrders) {
     // Compiling the written text again gives the very same file.
     ASSERT_EQ(Tool("compile " + Path("back.txt") + " " + Path("again.dct")), 0);
     EXPECT_EQ(Read("again.dct"), le);
-}
-
-TEST_F(LexiconToolTest, BinaryInputOfAnOlderVersionIsWrittenAsText) {
-    FileBytes v15;  // one bucket, one entry, the value in UTF-8 (encoding byte 1)
-    v15.Header(1, 5, 1, false).U32(1).U32(2).U32(2).U32(3).U16(Bucket("/k"));
-    v15.Raw("/k").Raw("v\xc3\xa4");
-    Write("old.dct", v15.Str());
-    ASSERT_EQ(Tool("text " + Path("old.dct") + " " + Path("old.txt")), 0);
-    EXPECT_EQ(Entries("old.txt"), (std::map<std::string, std::u16string>{{"/k", u"vä"}}));
 }
 
 TEST_F(LexiconToolTest, CommandLineRefusesWhatItCannotDo) {
