@@ -13,7 +13,7 @@
 namespace lexkit_private {
 
 class ByteRunKey : public HashItem {
-public:
+  public:
     ByteRunKey(const void* bytes, uint32_t length, bool owned);
     ByteRunKey(const ByteRunKey& other);
     ~ByteRunKey() override;
@@ -27,14 +27,12 @@ public:
 
     const unsigned char* KeyBytes() const { return bytes_; }
     uint32_t KeyLength() const { return length_; }
-    std::string_view KeyView() const {
-        return {reinterpret_cast<const char*>(bytes_), length_};
-    }
+    std::string_view KeyView() const { return {reinterpret_cast<const char*>(bytes_), length_}; }
 
-protected:
+  protected:
     uint32_t SerializeKeyBytes(std::ostream& stream, bool binary) const;
 
-private:
+  private:
     const unsigned char* bytes_;  // null when the length is 0; freed by the key only when owned_
     uint32_t length_;
     bool owned_;

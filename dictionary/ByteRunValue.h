@@ -12,7 +12,7 @@
 namespace lexkit_private {
 
 class ByteRunValue : public RefCountObj {
-public:
+  public:
     ByteRunValue() = default;
     // Copies `length` bytes from `bytes`; `bytes` may be null only when `length` is 0.
     ByteRunValue(const void* bytes, uint32_t length);
@@ -21,7 +21,7 @@ public:
     // Null when the length is 0.
     const unsigned char* Bytes() const { return bytes_.get(); }
 
-private:
+  private:
     uint32_t length_ = 0;
     std::unique_ptr<unsigned char[]> bytes_;
 };

@@ -15,7 +15,7 @@
 namespace lexkit_private {
 
 class ByteRunValueRef {
-public:
+  public:
     // The shared empty value.
     ByteRunValueRef();
     // A new value holding a copy of `length` bytes at `bytes`.
@@ -44,7 +44,7 @@ public:
     bool SharesValueWith(const ByteRunValueRef& other) const { return value_ == other.value_; }
     bool IsSharedEmptyValue() const;
 
-private:
+  private:
     explicit ByteRunValueRef(ByteRunValue* value);  // adopts one new reference
 
     ByteRunValue* value_;  // never null

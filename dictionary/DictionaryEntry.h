@@ -9,7 +9,7 @@
 namespace lexkit_private {
 
 class DictionaryEntry : public ByteRunKey {
-public:
+  public:
     // The key bytes are copied; the value is shared.
     DictionaryEntry(const void* keyBytes, uint32_t keyLength, const ByteRunValueRef& value);
     ~DictionaryEntry() override;
@@ -30,7 +30,7 @@ public:
 
     const ByteRunValueRef& Value() const { return value_; }
 
-private:
+  private:
     ByteRunValueRef value_;
 };
 

@@ -13,7 +13,7 @@
 namespace lexkit_private {
 
 class HashItem {
-public:
+  public:
     HashItem() = default;
     HashItem(const HashItem&) = delete;
     HashItem& operator=(const HashItem&) = delete;

@@ -11,7 +11,7 @@
 namespace lexkit_private {
 
 class RefCountObj {
-public:
+  public:
     RefCountObj() = default;
     RefCountObj(const RefCountObj&) = delete;
     RefCountObj& operator=(const RefCountObj&) = delete;
@@ -23,7 +23,7 @@ public:
     }
     uint32_t RefCountForTesting() const { return refCount_; }
 
-private:
+  private:
     uint32_t refCount_ = 0;
 };
 
