@@ -148,6 +148,12 @@ TEST(TextReaderTest, AZeroUnitEndsTheLineOrTheData) {
 
 TEST(TextReaderTest, ALoneLastByteOfUtf16GivesTheReplacementCharacter) {
     for (Encoding e : {Encoding::kLittle, Encoding::kBig}) {
+        // A pair cut after its high half: the half passes as it is, and the lone byte behind it
+        // is the only unit that is replaced.
+        const std::u16string cut{u'a', 0xD83D};
+        EXPECT_EQ(Lines(FileOf(e, cut)), std::vector<std::u16string>{u"\uFEFF" + cut});
+        EXPECT_EQ(Lines(FileOf(e, cut) + "\xDE"),
+                  std::vector<std::u16string>{u"\uFEFF" + cut + u"\uFFFD"});
         EXPECT_EQ(Lines(FileOf(e, u"a") + "\x41"), std::vector<std::u16string>{u"\uFEFFa\uFFFD"});
         EXPECT_EQ(Lines(FileOf(e, u"a\n") + "\x41"),
                   (std::vector<std::u16string>{u"\uFEFFa", u"\uFFFD"}));
