@@ -48,8 +48,9 @@ class DictionaryReader {
   protected:
     explicit DictionaryReader(std::istream& source);
 
-    // The one source of bytes of all readers: reads up to `count` bytes one at a time through the
-    // stream's character get, stops at the end of the stream, and sets `count` to the number read.
+    // The one source of bytes of all readers: reads up to `count` bytes one at a time from the
+    // stream's buffer, stops at the end of the stream (leaving the stream in the state that
+    // istream::get leaves it in there), and sets `count` to the number read.
     void ReadBytes(unsigned char* destination, size_t& count);
 
     // The line buffer: `lineLength_` units in use, room for `lineCapacity_`.

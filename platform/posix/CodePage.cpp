@@ -140,7 +140,7 @@ class Sink {
                 SetLastError(Err::kInsufficientBuffer);
                 return false;
             }
-            std::memcpy(target_ + count_, units, count * sizeof(Unit));
+            for (size_t i = 0; i < count; ++i) target_[count_ + i] = units[i];  // 1 to 4 units
         }
         count_ += count;
         return true;
