@@ -4,8 +4,8 @@
 
 namespace mst_util {
 
-reg_key_t::reg_key_t(const std::u16string& path_, uint32_t access_, bool openNow)
-    : root(Osb::HKeyLocalMachine()), key(nullptr), access(access_), path(path_) {
+reg_key_t::reg_key_t(const std::u16string& keyPath, uint32_t accessMask, bool openNow)
+    : root(Osb::HKeyLocalMachine()), key(nullptr), access(accessMask), path(keyPath) {
     if (openNow) open();
 }
 
