@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -21,8 +20,8 @@ const std::string kDisplayKey = "$$$/private/Vigil/Vigil_Display_Name=Orvanta Vi
 const std::string kDescriptionKey =
     "$$$/Vigil/Description=Tracks files that are managed by Mirelle Catalog";
 
-// A dictionary that records what it is asked and answers from a table of keys (the text before the
-// '='), falling back on the text behind the '=' as the real lookup does.
+// A dictionary that records what it is asked and answers with the text behind the '=', as the real
+// lookup does for a key it does not hold.
 struct FakeDictionary {
     struct Load {
         std::u16string path;
@@ -31,20 +30,15 @@ struct FakeDictionary {
     };
     std::vector<Load> loads;
     std::vector<std::string> lookups;
-    std::map<std::string, std::u16string> entries;
-    bool loadResult = true;
 
     Vigil::DictionaryCalls calls() {
         return {[this](const std::u16string& path, uint32_t row, bool force) {
                     loads.push_back({path, row, force});
-                    return loadResult;
+                    return true;
                 },
                 [this](const std::string& text) {
                     lookups.push_back(text);
-                    const size_t eq = text.find('=');
-                    const auto hit = entries.find(text.substr(0, eq));
-                    if (hit != entries.end()) return hit->second;
-                    return Osb::Utf8ToUtf16(eq == std::string::npos ? "" : text.substr(eq + 1));
+                    return Osb::Utf8ToUtf16(text.substr(text.find('=') + 1));
                 }};
     }
 };
@@ -104,22 +98,6 @@ TEST_F(ServiceConfigurationTest, LocaleValueChoosesPathAndRow) {
         EXPECT_EQ(dictionary.loads[0].row, c.row) << c.pathLocale;
         EXPECT_FALSE(dictionary.loads[0].force);
     }
-}
-
-TEST_F(ServiceConfigurationTest, TranslatedTextsComeFromDictionaryWithSuffix) {
-    makeKey("fr_FR");
-    dictionary_.entries["$$$/private/Vigil/Vigil_Display_Name"] = u"Orvanta Vigil Veille V";
-    dictionary_.entries["$$$/Vigil/Description"] = u"Suit les fichiers g\u00E9r\u00E9s";
-    const Vigil::ServiceTexts texts = Vigil::ReadServiceTexts(dictionary_.calls());
-    EXPECT_EQ(texts.displayName, u"Orvanta Vigil Veille V14");
-    EXPECT_EQ(texts.description, u"Suit les fichiers g\u00E9r\u00E9s");
-}
-
-TEST_F(ServiceConfigurationTest, FailedLoadStillGivesTexts) {
-    makeKey("de_DE");
-    dictionary_.loadResult = false;
-    expectEnglishTexts(Vigil::ReadServiceTexts(dictionary_.calls()));
-    EXPECT_EQ(dictionary_.loads.size(), 1u);
 }
 
 TEST_F(ServiceConfigurationTest, UnknownLocaleRaisesBeforeAnyLoad) {
