@@ -31,24 +31,26 @@ class WatchFolderCache {
     // with the path separator) and forgets the older paths.
     void setDataFolder(const std::u16string& dataFolder);
 
-    // Loads the cache. Tries "WatchFolder.3.cache", then "WatchFolder.2.cache", then
-    // "WatchFolder.cache", each path built only when its turn comes; the first that opens is read.
+    // Loads the cache; does nothing before setDataFolder. Tries "WatchFolder.3.cache", then
+    // "WatchFolder.2.cache", then "WatchFolder.cache", each path built only when its turn comes;
+    // the first that opens is read.
     // If none opens, a missing file (2) is a first run and returns with nothing done; any other
     // code of the last attempt raises Osb::ExSystem with it.
     //
     // Reading stops at a wrong version line (any generation 1 file has one) or at the first
     // malformed folder line; the lines before it stay accepted. A line whose folder does not exist
-    // is skipped silently. `accept` gets each other line. After the file is closed, `save` is called
-    // when the read ended at a bad line or version or the file was of an older generation; then the
-    // generation 2 and 1 files are removed if their paths were built (results ignored). Exceptions of
-    // `accept` and `save` pass through; a failed `save` leaves the old files in place.
+    // is skipped silently. `accept` gets each other line. After the file is closed, `save` is
+    // called when the read ended at a bad line or version or the file was of an older generation;
+    // then the generation 2 and 1 files are removed if their paths were built (results ignored).
+    // Exceptions of `accept` and `save` pass through; a failed `save` leaves the old files in
+    // place.
     void load(const AcceptFolder& accept, const SaveTable& save);
 
     // Rewrites the current file with `table`. An empty table writes nothing: no file is created and
     // an existing one stays as it was. Otherwise the file is emptied and written in place (no
     // temporary file); a failure to open it raises Osb::ExSystem with the system's code (2 or 3 for
-    // a missing data folder, 2 when setDataFolder was never called), while failures of the writes
-    // themselves are not reported.
+    // a missing data folder or before setDataFolder), while failures of the writes themselves are
+    // not reported.
     void save(const CachedFolderTable& table) const;
 
     const std::u16string& currentPath() const { return currentPath_; }

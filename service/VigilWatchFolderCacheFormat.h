@@ -7,7 +7,8 @@
 // Generation 3, "WatchFolder.3.cache", the only one written:
 //   line 1        "0.5\n"
 //   folder line   "GGGGGGGG-GGGG-GGGG-GGGG-GGGGGGGGGGGG, a, b, c, d, PATH\n"
-//     columns 0-35   the client GUID, upper-case hexadecimal; the digit pairs print the GUID's bytes
+//     columns 0-35   the client GUID, upper-case hexadecimal; the digit pairs print the GUID's
+//     bytes
 //                    in the order 3 2 1 0 - 5 4 - 7 6 - 9 8 - 11 10 15 14 13 12
 //     columns 36-49  ", a, b, c, d, " with watchSubtree, reportChanged, reportRemoved (0 or 1)
 //                    and reserved (always 0)
