@@ -162,11 +162,14 @@ bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t** argv);
 // continue or parameter change when the service's accepted controls lack its bit, 87 for
 // SERVICE_CONTROL_SHUTDOWN (the system's alone), with the handler's own result when it is not 0
 // (`status` is filled all the same), and 1053 when the handler has not answered within 30
-// seconds. Interrogate and every other code reach the handler, which decides.
+// seconds, 5 when the caller may not use the service's endpoint. Interrogate and every other
+// code reach the handler, which decides.
 bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status);
 
 // Fills `status` with the status the service last reported, without reaching its handler. A
-// service that does not run is SERVICE_STOPPED with every other field 0 but dwServiceType.
+// service that does not run is SERVICE_STOPPED with every other field 0 but dwServiceType. Fails
+// with 5 when the caller may not use the service's endpoint, 1053 when it does not answer within
+// 30 seconds.
 bool QueryServiceStatus(SC_HANDLE service, SERVICE_STATUS* status);
 
 // --- The service's side: the process the manager started. ---

@@ -38,7 +38,7 @@ constexpr int kPollMs = 10;
 constexpr uint32_t kManagerReadAccess = 0x0001 | 0x0004 | 0x0010 | 0x20000;
 
 // The handles that are open, so that a closed or made-up handle is refused with 6 instead of
-// being followed.
+// being followed. `handlesMutex` is a leaf lock: nothing else is taken or called under it.
 Mutex handlesMutex;
 std::set<SC_HANDLE> liveHandles OSB_GUARDED_BY(handlesMutex);
 
