@@ -89,6 +89,9 @@ struct EndpointReply {
 uint32_t CallEndpoint(const std::string& name, const EndpointRequest& request,
                       EndpointReply& reply, int timeoutMs);
 
+// Shortens the 30 seconds that a start waits for registration and a control for its answer.
+void SetAnswerTimeoutForTesting(int ms);
+
 // The status of a service that does not run.
 SERVICE_STATUS StoppedStatus();
 

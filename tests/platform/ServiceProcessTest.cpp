@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -51,6 +52,7 @@ protected:
     }
     void TearDown() override {
         // Nothing may outlive the scratch root: stop whatever still runs and wait for its end.
+        Scm::SetAnswerTimeoutForTesting(30000);
         release();
         for (const std::string& name : started_) {
             SC_HANDLE service = OpenServiceW(manager_, Utf8ToUtf16(name).c_str(), 0);
@@ -193,6 +195,24 @@ TEST_F(ServiceProcessTest, ProcessThatEndsBeforeRegisteringFailsTheStart) {
     EXPECT_FALSE(start());
     EXPECT_EQ(ErrorCode(), Err::kProcessAborted);
     EXPECT_EQ(state(), SERVICE_STOPPED);
+}
+
+TEST_F(ServiceProcessTest, SilentServiceTimesOutStartsAndControlsWith1053) {
+    Scm::SetAnswerTimeoutForTesting(300);
+    setenv("FAKE_SERVICE_MODE", "hold-register", 1);
+    EXPECT_FALSE(start());
+    EXPECT_EQ(ErrorCode(), Err::kServiceRequestTimeout);
+    release();
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING)) << "the late service still registers";
+    std::remove((root_ / "release").c_str());
+
+    SERVICE_STATUS status = {};
+    EXPECT_FALSE(ControlService(service_, 201, &status));
+    EXPECT_EQ(ErrorCode(), Err::kServiceRequestTimeout);
+    Scm::SetAnswerTimeoutForTesting(30000);
+    release();
+    // The held handler ends and the service answers again.
+    EXPECT_TRUE(ControlService(service_, SERVICE_CONTROL_INTERROGATE, &status)) << ErrorCode();
 }
 
 TEST_F(ServiceProcessTest, StartWaitsForThePreviousProcessToEnd) {
