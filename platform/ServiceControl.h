@@ -151,9 +151,10 @@ bool CloseServiceHandle(SC_HANDLE handle);
 // Starts the service and returns once its process has registered its control handler, so that
 // its endpoint answers. The arguments are not passed on (they must be none: 87 otherwise). A start
 // while the previous process of the service is still ending first waits for it to end. Fails with
-// 1056 when the service runs, 1072 when it is marked for deletion, 1058 when it is disabled, 2 or
-// 5 when the binary cannot be run, 1067 when the process ends before it registers its handler, and
-// 1053 when it has not registered it within 30 seconds (the process is then left to itself).
+// 1056 when the service runs, 1072 when it is marked for deletion, 1058 when it is disabled, 2 (3
+// when its folder is missing too) or 5 when the binary cannot be run, 1067 when the process ends
+// before it registers its handler, and 1053 when it has not registered it within 30 seconds (the
+// process is then left to itself).
 bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t** argv);
 
 // Sends `control` to the service's handler, waits for the handler's answer and fills `status`
