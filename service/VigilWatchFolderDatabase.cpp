@@ -158,6 +158,11 @@ size_t Database::activeWatchesForTesting() {
     return thread_ ? thread_->activeCount() : 0;
 }
 
+void Database::runLockedForTesting(const std::function<void()>& work) {
+    Osb::MutexLock lock(mutex_);
+    work();
+}
+
 namespace {
 
 std::unique_ptr<Database>& ProcessDatabaseHolder() {

@@ -15,6 +15,7 @@
 // rolled back.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -83,6 +84,8 @@ class Database {
     std::u16string cachePathForTesting();
     bool startsSettledForTesting();
     size_t activeWatchesForTesting();
+    // For benchmarks: runs `work` with the database lock held, so completions wait behind it.
+    void runLockedForTesting(const std::function<void()>& work);
 
   private:
     // The database lock. Taken after a Client's mutex, before the thread lock.
