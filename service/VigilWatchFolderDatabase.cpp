@@ -92,8 +92,14 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
-        names = it->second.names;
-        if (clear) it->second.names.clear();
+        if (clear) {
+            // Moved out rather than copied and cleared: the same result without a second copy of
+            // what may be a long list.
+            names = std::move(it->second.names);
+            it->second.names.clear();
+        } else {
+            names = it->second.names;
+        }
         return;
     }
 }
