@@ -12,6 +12,7 @@
 // (c) a subtree watch on an existing tree of 20,000 directories: time to establish and memory;
 // (d) a GetChanges reply of 1,000,000 pending names: built, sent and received;
 // (e) 30,000 changes arriving while the watch thread waits behind the database lock.
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -22,10 +23,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <map>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -174,7 +174,8 @@ class Bench {
         return connection;
     }
     void settle() {
-        while (!Vigil::Watch::ProcessDatabase().startsSettledForTesting()) std::this_thread::yield();
+        while (!Vigil::Watch::ProcessDatabase().startsSettledForTesting())
+            std::this_thread::yield();
     }
 
     void burst(int files, bool spread);
@@ -234,8 +235,7 @@ void Bench::burst(int files, bool spread) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         writer.join();
-        Collect(*client, seen, size_t(files),
-                Clock::now() + std::chrono::seconds(10));
+        Collect(*client, seen, size_t(files), Clock::now() + std::chrono::seconds(10));
         clientCpu = CpuSeconds(RUSAGE_THREAD) - clientCpu0;
     }
     const double lag = Seconds(Clock::now() - withService.lastFile);
@@ -244,21 +244,22 @@ void Bench::burst(int files, bool spread) {
         const size_t slash = name.rfind('/');
         if (name[slash == std::string::npos ? 0 : slash + 1] == 'f') ++fileNames;
     }
-    const double serviceCpu =
-        CpuSeconds(RUSAGE_SELF) - processCpu0 - withService.cpu - clientCpu;
+    const double serviceCpu = CpuSeconds(RUSAGE_SELF) - processCpu0 - withService.cpu - clientCpu;
     client->removeFolders(spread, {dir});
 
     std::printf("(a) %d creations, %s\n", files, label);
-    std::printf("    writer alone %.3f s; with raw inotify %.3f s (x%.2f); with service %.3f s "
-                "(x%.2f, target <= x1.20)\n",
-                alone.wall, withRaw.wall, withRaw.wall / alone.wall, withService.wall,
-                withService.wall / alone.wall);
+    std::printf(
+        "    writer alone %.3f s; with raw inotify %.3f s (x%.2f); with service %.3f s "
+        "(x%.2f, target <= x1.20)\n",
+        alone.wall, withRaw.wall, withRaw.wall / alone.wall, withService.wall,
+        withService.wall / alone.wall);
     std::printf("    names lost: service %ld (target 0), raw reader %ld%s\n",
                 long(files) - long(fileNames), long(files) - rawSeen,
                 raw.overflowed ? " (overflowed)" : "");
-    std::printf("    last file to all visible: service %.2f ms (target <= 10 ms; includes the "
-                "collection of the backlog), raw reader %.2f ms\n",
-                lag * 1e3, rawLag * 1e3);
+    std::printf(
+        "    last file to all visible: service %.2f ms (target <= 10 ms; includes the "
+        "collection of the backlog), raw reader %.2f ms\n",
+        lag * 1e3, rawLag * 1e3);
     std::printf("    service CPU %.3f s per 100k files (target <= 0.6 s)\n",
                 serviceCpu * 100000.0 / files);
 }
@@ -289,7 +290,8 @@ void Bench::latency() {
     for (int i = 0; i < 1000; ++i) {
         const auto start = Clock::now();
         Create(rawDir + "l" + std::to_string(i));
-        if (::read(fd, buffer, sizeof buffer) > 0) rawTimes.push_back(Seconds(Clock::now() - start) * 1e6);
+        if (::read(fd, buffer, sizeof buffer) > 0)
+            rawTimes.push_back(Seconds(Clock::now() - start) * 1e6);
     }
     ::close(fd);
     auto pct = [](std::vector<double> v, double p) {
@@ -297,16 +299,18 @@ void Bench::latency() {
         return v[size_t(p * double(v.size() - 1))];
     };
     std::printf("(b) creation to name in a GetChanges reply, 1000 files\n");
-    std::printf("    service p50 %.0f us (target <= 300), p99 %.0f us (target <= 1000); raw "
-                "inotify p50 %.0f us, p99 %.0f us; p50 ratio x%.1f\n",
-                pct(service, 0.5), pct(service, 0.99), pct(rawTimes, 0.5), pct(rawTimes, 0.99),
-                pct(service, 0.5) / pct(rawTimes, 0.5));
+    std::printf(
+        "    service p50 %.0f us (target <= 300), p99 %.0f us (target <= 1000); raw "
+        "inotify p50 %.0f us, p99 %.0f us; p50 ratio x%.1f\n",
+        pct(service, 0.5), pct(service, 0.99), pct(rawTimes, 0.5), pct(rawTimes, 0.99),
+        pct(service, 0.5) / pct(rawTimes, 0.5));
 }
 
 void Bench::bigTree() {
     std::string dir = Fresh(root_, "tree");
     for (int i = 0; i < 200; ++i) {
-        for (int j = 0; j < 99; ++j) fs::create_directories(dir + std::to_string(i) + "/" + std::to_string(j));
+        for (int j = 0; j < 99; ++j)
+            fs::create_directories(dir + std::to_string(i) + "/" + std::to_string(j));
     }  // 200 + 19,800 = 20,000 directories
     auto client = connect(4);
     double times[2] = {0, 0};
@@ -324,16 +328,18 @@ void Bench::bigTree() {
     int fd = inotify_init1(IN_CLOEXEC);
     size_t watches = 0;
     for (auto& entry : fs::recursive_directory_iterator(dir)) {
-        if (entry.is_directory()) watches += inotify_add_watch(fd, entry.path().c_str(), IN_CREATE) >= 0;
+        if (entry.is_directory())
+            watches += inotify_add_watch(fd, entry.path().c_str(), IN_CREATE) >= 0;
     }
     const double rawTime = Seconds(Clock::now() - rawStart);
     ::close(fd);
     client->removeFolders(true, {dir});
     std::printf("(c) subtree watch on 20,000 existing directories\n");
-    std::printf("    established in %.3f s cold, %.3f s warm (target <= 0.5 s); raw inotify walk %.3f "
-                "s (%zu watches), warm ratio x%.2f; memory +%ld KiB cold, +%ld KiB warm (target "
-                "<= 16384 KiB)\n",
-                times[0], times[1], rawTime, watches, times[1] / rawTime, rss[0], rss[1]);
+    std::printf(
+        "    established in %.3f s cold, %.3f s warm (target <= 0.5 s); raw inotify walk %.3f "
+        "s (%zu watches), warm ratio x%.2f; memory +%ld KiB cold, +%ld KiB warm (target "
+        "<= 16384 KiB)\n",
+        times[0], times[1], rawTime, watches, times[1] / rawTime, rss[0], rss[1]);
 }
 
 void Bench::bigReply() {
@@ -345,10 +351,12 @@ void Bench::bigReply() {
     Vigil::Watch::Guid key;
     std::copy(guid.begin(), guid.end(), key.bytes.begin());
     std::vector<std::u16string> names;
-    for (int i = 0; i < 1000000; ++i) names.push_back(u"name-" + Osb::Utf8ToUtf16(std::to_string(i)) + u".txt");
+    for (int i = 0; i < 1000000; ++i)
+        names.push_back(u"name-" + Osb::Utf8ToUtf16(std::to_string(i)) + u".txt");
     Vigil::Watch::ProcessDatabase().addChanges(key, Osb::Utf8ToUtf16(dir), names);
     const auto start = Clock::now();
-    auto reply = client->request(Vigil::Protocol::kGetChanges, vigil_client::EncodeGetChanges(true));
+    auto reply =
+        client->request(Vigil::Protocol::kGetChanges, vigil_client::EncodeGetChanges(true));
     const double took = Seconds(Clock::now() - start);
     const size_t bytes = reply.body.size() + 16;
 
@@ -358,18 +366,21 @@ void Bench::bigReply() {
     std::vector<uint8_t> out(bytes, 1), in(bytes);
     const auto rawStart = Clock::now();
     std::thread sender([&] {
-        for (size_t at = 0; at < bytes;) at += size_t(std::max<ssize_t>(0, ::write(pair[0], out.data() + at, bytes - at)));
+        for (size_t at = 0; at < bytes;)
+            at += size_t(std::max<ssize_t>(0, ::write(pair[0], out.data() + at, bytes - at)));
     });
-    for (size_t at = 0; at < bytes;) at += size_t(std::max<ssize_t>(0, ::read(pair[1], in.data() + at, bytes - at)));
+    for (size_t at = 0; at < bytes;)
+        at += size_t(std::max<ssize_t>(0, ::read(pair[1], in.data() + at, bytes - at)));
     sender.join();
     const double rawTook = Seconds(Clock::now() - rawStart);
     ::close(pair[0]);
     ::close(pair[1]);
     client->removeFolders(false, {dir});
     std::printf("(d) GetChanges reply of 1,000,000 names, %.1f MiB\n", double(bytes) / (1 << 20));
-    std::printf("    built, sent and received in %.3f s (target < 0.5 s); raw socket transfer of the "
-                "same bytes %.3f s (x%.1f)\n",
-                took, rawTook, took / rawTook);
+    std::printf(
+        "    built, sent and received in %.3f s (target < 0.5 s); raw socket transfer of the "
+        "same bytes %.3f s (x%.1f)\n",
+        took, rawTook, took / rawTook);
 }
 
 void Bench::busyThread() {

@@ -19,11 +19,9 @@ void Database::open(const std::u16string& dataFolder) {
     thread_->begin();
     opened_ = true;
     // Runs with the lock held: the callbacks are this object's locked variants.
-    cache_.load(
-        [this](const Guid& guid, const WatchedFolder& folder) OSB_NO_THREAD_SAFETY_ANALYSIS {
-            addFoldersLocked(guid, {folder});
-        },
-        [this]() OSB_NO_THREAD_SAFETY_ANALYSIS { save(); });
+    cache_.load([this](const Guid& guid, const WatchedFolder& folder)
+                    OSB_NO_THREAD_SAFETY_ANALYSIS { addFoldersLocked(guid, {folder}); },
+                [this]() OSB_NO_THREAD_SAFETY_ANALYSIS { save(); });
 }
 
 void Database::close() {

@@ -30,7 +30,7 @@ namespace Vigil::Watch {
 class Thread;
 
 struct PendingRecord {
-    std::u16string folder;             // the watched folder's path
+    std::u16string folder;              // the watched folder's path
     std::vector<std::u16string> names;  // relative to it; repeats allowed
 };
 

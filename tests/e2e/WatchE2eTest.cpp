@@ -63,9 +63,8 @@ class WatchE2eTest : public ServerFixture {
     // Adds and waits until the watch thread has opened the folders, so later changes are seen.
     void add(AgentConnection& connection, const FolderOptions& options, const Names& paths) {
         connection.addFolders(options, paths);
-        ASSERT_TRUE(PollUntil([] {
-            return Vigil::Watch::ProcessDatabase().startsSettledForTesting();
-        }));
+        ASSERT_TRUE(
+            PollUntil([] { return Vigil::Watch::ProcessDatabase().startsSettledForTesting(); }));
     }
     // The pending names of `path`, left pending.
     static Names pending(AgentConnection& connection, const std::string& path) {
@@ -262,7 +261,8 @@ TEST_F(WatchE2eTest, DeletedWatchedFolderLeavesTheListAndTheCache) {
 
     fs::remove_all(gone);
     // The failed read drops it on its own; GetFolders would too.
-    EXPECT_TRUE(PollUntil([&] { return cacheText().find(Osb::Utf8ToUtf16(gone)) == std::u16string::npos; }));
+    EXPECT_TRUE(PollUntil(
+        [&] { return cacheText().find(Osb::Utf8ToUtf16(gone)) == std::u16string::npos; }));
     EXPECT_EQ(client->getFolders(), (Names{keep}));
     EXPECT_NE(cacheText().find(Osb::Utf8ToUtf16(keep)), std::u16string::npos);
 }

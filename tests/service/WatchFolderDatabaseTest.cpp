@@ -4,10 +4,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include "platform/FileSystem.h"
@@ -173,8 +173,8 @@ TEST_F(WatchFolderDatabaseTest, CloseUnderTrafficThenRequestsStillWork) {
 }
 
 // One record of a notification buffer: header, name, padded to 4.
-void PutRecord(std::vector<uint8_t>& buffer, uint32_t action, const std::u16string& name,
-               bool last, uint32_t nameBytes = UINT32_MAX) {
+void PutRecord(std::vector<uint8_t>& buffer, uint32_t action, const std::u16string& name, bool last,
+               uint32_t nameBytes = UINT32_MAX) {
     const size_t at = buffer.size();
     const uint32_t bytes = nameBytes == UINT32_MAX ? uint32_t(2 * name.size()) : nameBytes;
     const uint32_t size = (12 + 2 * uint32_t(name.size()) + 3) & ~3u;

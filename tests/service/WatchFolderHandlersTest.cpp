@@ -139,10 +139,14 @@ TEST_P(ListFaultTest, RefusedAndNothingAdded) {
     const ListFault& fault = GetParam();
     const std::u16string good = Osb::Utf8ToUtf16(root_ / "w");
     Bytes second = Units(good);
-    if (fault.secondPath == u"UNTERMINATED") second = Units(good, false);
-    else if (fault.secondPath == u"EMPTY") second = Units(u"");
-    else if (fault.secondPath == u"MISSING") second = Units(good + u"/nope");
-    else if (!fault.secondPath.empty()) second = Units(fault.secondPath);
+    if (fault.secondPath == u"UNTERMINATED")
+        second = Units(good, false);
+    else if (fault.secondPath == u"EMPTY")
+        second = Units(u"");
+    else if (fault.secondPath == u"MISSING")
+        second = Units(good + u"/nope");
+    else if (!fault.secondPath.empty())
+        second = Units(fault.secondPath);
     auto body = [&](uint32_t header) {
         Bytes bytes = FolderListBody(header, {Units(good), second});
         for (auto [offset, value] : fault.patches) Patch(bytes, header + offset, value);
@@ -164,9 +168,8 @@ TEST_F(WatchFolderHandlersTest, ShortBodiesAreRefusedBeforeAnythingIsRead) {
     const struct {
         uint32_t code;
         uint32_t bodyLength;
-    } cases[] = {{kGetFolders, 3},     {kAddFolders, 15},     {kRemoveFolders, 15},
-                 {kGetChanges, 3},     {kRemoveChanges, 15},  {kAddFolders, 20},
-                 {kAddFolders, 27}};
+    } cases[] = {{kGetFolders, 3},     {kAddFolders, 15}, {kRemoveFolders, 15}, {kGetChanges, 3},
+                 {kRemoveChanges, 15}, {kAddFolders, 20}, {kAddFolders, 27}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.code);
         expectRefused(c.code, Bytes(c.bodyLength, 0), Id::kInvalidLength);
