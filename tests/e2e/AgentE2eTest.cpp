@@ -1,0 +1,240 @@
+// The built executable end to end, under a scratch system root: the console run, the usage text,
+// and the setup and control commands against the service manager, with their messages, exit
+// codes, dumps and events.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/Exception.h"
+#include "platform/PipeClient.h"
+#include "service/VigilCommandLine.h"
+#include "tests/e2e/AgentProcess.h"
+#include "tests/e2e/ServerFixture.h"
+#include "tests/support/ScratchRoot.h"
+
+namespace vigil_test {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using namespace Vigil::Protocol;
+
+const Vigil::Watch::Guid kGuid{{9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 1, 2, 3, 4, 5, 6}};
+const std::u16string kDefaultPipe = u"\\\\.\\pipe\\Orvanta Vigil Watch 14.0";
+const std::string kStarted = "0x20000A0A Orvanta Vigil Watch Service has Started.";
+const std::string kPaused = "0x20000A0B Orvanta Vigil Watch Service has Paused.";
+const std::string kResumed = "0x20000A0C Orvanta Vigil Watch Service has Resumed.";
+const std::string kStopped = "0x20000A0D Orvanta Vigil Watch Service has Stopped.";
+const std::string kInstalled = "Service sucessfully installed.\n";
+const std::string kUninstalled = "Service sucessfully uninstalled.\n";
+const std::string kControlled = "Service successfully executed control command.\n";
+
+class AgentE2eTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        unsetenv("VIGIL_SERVICE");
+        setenv("LC_ALL", "C", 1);
+        events_ = root_ / "events.log";
+        setenv("VIGIL_EVENT_LOG", events_.c_str(), 1);
+    }
+    void TearDown() override {
+        // A service left running by a failed test must not outlive it.
+        RunAgent({"/UNINSTALL"});
+        unsetenv("VIGIL_EVENT_LOG");
+    }
+
+    std::vector<std::string> events() const { return FileLines(events_); }
+    std::string serviceLog() const { return root_ / "var/log/orvanta/OrvantaVigilWatch14.0.log"; }
+
+    static std::unique_ptr<Connection> ConnectWithin(const std::u16string& pipe, int ms = 20000) {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(ms);
+        for (;;) {
+            try {
+                return std::make_unique<Connection>(pipe);
+            } catch (const Osb::Exception&) {
+                if (Clock::now() >= deadline) return nullptr;
+                std::this_thread::yield();
+            }
+        }
+    }
+    bool EventsWithin(size_t count, int ms = 20000) const {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(ms);
+        while (events().size() < count) {
+            if (Clock::now() >= deadline) return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+    static void ExpectDump(const Finished& run, uint32_t code) {
+        EXPECT_EQ(run.status, static_cast<int>(code & 0xFF));
+        EXPECT_TRUE(run.out.empty()) << run.out;
+        EXPECT_EQ(run.err.rfind("Dump Exception Stack -- Unexpected Error. Depth of 1\n"
+                                "    Operating System Error = " + std::to_string(code) +
+                                    "\n    What: ", 0),
+                  0u)
+            << run.err;
+    }
+
+    ScratchRoot root_;
+    std::string events_;
+};
+
+TEST_F(AgentE2eTest, ConsoleRunStopsCleanlyOnEachStopSignal) {
+    for (int signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        fs::remove(events_);
+        RunningAgent agent({"/PORT", "console pipe"});
+        ASSERT_TRUE(agent.waitForOutput("Vigil State: RUNNING\n"));
+        auto client = ConnectWithin(u"console pipe");
+        ASSERT_NE(client, nullptr);
+        EXPECT_NE(client->hello(kGuid), 0u);
+        agent.signal(signal);
+        const Finished end = agent.wait();
+        EXPECT_EQ(end.status, 0);
+        EXPECT_EQ(end.out.find("Vigil Startup ...\nVigil State: START PENDING\n"
+                               "Vigil State: RUNNING\n"),
+                  0u)
+            << end.out;
+        const std::string tail = "Vigil State: STOPPED\nVigil Shutdown ...\n";
+        ASSERT_GE(end.out.size(), tail.size());
+        EXPECT_EQ(end.out.substr(end.out.size() - tail.size()), tail);
+        EXPECT_EQ(events(), (std::vector<std::string>{kStarted, kStopped}));
+        EXPECT_TRUE(fs::is_directory(root_ / "var/lib/Orvanta/Mirelle Studio/File Agent"));
+    }
+}
+
+TEST_F(AgentE2eTest, BadCommandLinesPrintTheUsageTextAndExitWithZero) {
+    const std::vector<std::vector<std::string>> lines = {
+        {"/START", "/STOP"}, {"/INSTALL", "/UNINSTALL"}, {"/ACCOUNT=bob"}, {"/ACCOUNT"}, {"//START"}};
+    for (const auto& line : lines) {
+        const Finished run = RunAgent(line);
+        EXPECT_EQ(run.status, 0);
+        EXPECT_TRUE(run.out.empty());
+        std::smatch stamp;
+        ASSERT_TRUE(std::regex_search(run.err, stamp,
+                                      std::regex("  When:    ([A-Z][a-z]{2} [ 0-9]{2} [0-9]{4}) "
+                                                 "([0-9]{2}:[0-9]{2}:[0-9]{2})\n")));
+        EXPECT_EQ(run.err, Vigil::usageText(1, 0, 201, stamp[1].str().c_str(),
+                                            stamp[2].str().c_str()));
+    }
+    // Nothing was built or installed by any of them.
+    EXPECT_FALSE(fs::exists(root_ / "etc/orvanta/services"));
+    EXPECT_TRUE(events().empty());
+}
+
+TEST_F(AgentE2eTest, ExecutableRunsWhenCopiedAloneToAnotherFolder) {
+    const std::string copy = root_ / "alone/MirelleStudioFileAgent";
+    fs::create_directories(root_ / "alone");
+    fs::copy_file(AgentPath(), copy);
+    fs::permissions(copy, fs::perms::owner_exec, fs::perm_options::add);
+    const Finished run = RunAgent({"/BOGUS"}, 20000, copy);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.err.find("Usage: MirelleStudioFileAgent [options]"), std::string::npos);
+}
+
+TEST_F(AgentE2eTest, InstallStartPauseContinueStopRestartUninstall) {
+    Finished run = RunAgent({"/INSTALL"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kInstalled);
+    const std::string conf = root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf";
+    const std::vector<std::string> record = FileLines(conf);
+    EXPECT_NE(std::find(record.begin(), record.end(), "BinaryPath=" + AgentPath()), record.end());
+    EXPECT_NE(std::find(record.begin(), record.end(), "StartType=3"), record.end());
+    EXPECT_NE(std::find(record.begin(), record.end(), "DisplayName=Orvanta Vigil Watch V14"),
+              record.end());
+
+    run = RunAgent({"/START"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    auto waiting = ConnectWithin(kDefaultPipe);
+    ASSERT_NE(waiting, nullptr);
+    const uint32_t id = waiting->hello(kGuid);
+
+    run = RunAgent({"/PAUSE"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    waiting->send(Request(kConnectionNoop, id, 41, Le32({0})));
+    EXPECT_TRUE(waiting->silentFor(300));
+    // A new client is still accepted while the request above waits.
+    Connection newcomer(kDefaultPipe);
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    auto connects = [&] {
+        size_t n = 0;
+        for (const std::string& line : FileLines(serviceLog())) {
+            n += line.rfind("- Client Connect : ", 0) == 0 ? 1 : 0;
+        }
+        return n;
+    };
+    while (connects() < 2 && Clock::now() < deadline) std::this_thread::yield();
+    EXPECT_EQ(connects(), 2u);
+
+    run = RunAgent({"/CONTINUE"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    EXPECT_EQ(waiting->receive().header.requestId, 41u);
+
+    run = RunAgent({"/STOP"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    EXPECT_TRUE(waiting->closedWithin(10000));
+    ExpectDump(RunAgent({"/PAUSE"}), 1062);
+    run = RunAgent({"/STOP"});  // not running: counts as done
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+
+    run = RunAgent({"/RESTART"});  // the failed stop is ignored and the service starts
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    ASSERT_NE(ConnectWithin(kDefaultPipe), nullptr);
+    ExpectDump(RunAgent({"/START"}), 1056);
+    ExpectDump(RunAgent({"/INSTALL"}), 1073);
+
+    run = RunAgent({"/UNINSTALL"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kUninstalled);
+    EXPECT_FALSE(fs::exists(conf));
+    EXPECT_TRUE(EventsWithin(6));
+    EXPECT_EQ(events(), (std::vector<std::string>{kStarted, kPaused, kResumed, kStopped, kStarted,
+                                                  kStopped}));
+}
+
+TEST_F(AgentE2eTest, CommandsOnAServiceThatIsNotInstalledFailWith1060) {
+    for (const char* command : {"/UNINSTALL", "/START", "/STOP", "/PAUSE", "/CONTINUE"}) {
+        SCOPED_TRACE(command);
+        ExpectDump(RunAgent({command}), 1060);
+    }
+}
+
+TEST_F(AgentE2eTest, MissingCommonDataFolderFailsTheStartWith161) {
+    ASSERT_EQ(RunAgent({"/INSTALL"}).status, 0);
+    fs::remove_all(root_ / "var/lib");
+    RunAgent({"/START"});
+    ASSERT_TRUE(EventsWithin(2));
+    EXPECT_EQ(events(), (std::vector<std::string>{
+                            "0xE0000A0E Orvanta Vigil Watch Service has terminated because of a "
+                            "system error.",
+                            "0x000000A1"}));
+    // The service is down again: a stop finds it not running.
+    const Finished stop = RunAgent({"/STOP"});
+    EXPECT_EQ(stop.status, 0);
+}
+
+TEST_F(AgentE2eTest, MissingCommonDataFolderInConsoleModeDumps161) {
+    fs::remove_all(root_ / "var/lib");
+    const Finished run = RunAgent({"/PORT", "no data"});
+    EXPECT_EQ(run.out, "Vigil Startup ...\n");
+    EXPECT_EQ(run.status, 161);
+    EXPECT_NE(run.err.find("    Operating System Error = 161\n"), std::string::npos) << run.err;
+    EXPECT_EQ(events().size(), 2u);
+}
+
+}  // namespace
+}  // namespace vigil_test
