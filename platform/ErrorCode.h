@@ -29,6 +29,7 @@ constexpr uint32_t kInvalidParameter = 87;
 constexpr uint32_t kBrokenPipe = 109;
 constexpr uint32_t kDiskFull = 112;
 constexpr uint32_t kCallNotImplemented = 120;
+constexpr uint32_t kInsufficientBuffer = 122;
 constexpr uint32_t kInvalidName = 123;
 constexpr uint32_t kDirNotEmpty = 145;
 constexpr uint32_t kBadArguments = 160;
