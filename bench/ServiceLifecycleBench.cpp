@@ -164,12 +164,14 @@ int main(int argc, char** argv) {
         baseStopMs.push_back(Ms(Clock::now() - t0));
     }
     std::printf("folders in the watch database: %d, rounds: %d\n", folders, rounds);
-    std::printf("start-up  launch->pipe accepting  median %8.2f ms   baseline (usage run) %6.2f ms"
-                "   ratio %.1f\n",
-                Median(startMs), Median(baseStartMs), Median(startMs) / Median(baseStartMs));
-    std::printf("shutdown  stop signal->exit       median %8.2f ms   baseline (sleep)     %6.2f ms"
-                "   ratio %.1f\n",
-                Median(stopMs), Median(baseStopMs), Median(stopMs) / Median(baseStopMs));
+    std::printf(
+        "start-up  launch->pipe accepting  median %8.2f ms   baseline (usage run) %6.2f ms"
+        "   ratio %.1f\n",
+        Median(startMs), Median(baseStartMs), Median(startMs) / Median(baseStartMs));
+    std::printf(
+        "shutdown  stop signal->exit       median %8.2f ms   baseline (sleep)     %6.2f ms"
+        "   ratio %.1f\n",
+        Median(stopMs), Median(baseStopMs), Median(stopMs) / Median(baseStopMs));
 
     const pid_t agent = Launch({agentPath, "/PORT", "lifecycle bench"});
     while (!Connects(pipe)) std::this_thread::yield();
@@ -178,10 +180,11 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::seconds(idleSeconds));
     const double agentCpu = CpuSeconds(agent) - agentCpu0;
     const double sleeperCpu = CpuSeconds(sleeper) - sleeperCpu0;
-    std::printf("idle      %d s: CPU %.3f s (%.4f %% of one core), baseline (sleep) %.3f s;"
-                " RSS %ld KiB, baseline %ld KiB\n",
-                idleSeconds, agentCpu, 100.0 * agentCpu / idleSeconds, sleeperCpu, RssKiB(agent),
-                RssKiB(sleeper));
+    std::printf(
+        "idle      %d s: CPU %.3f s (%.4f %% of one core), baseline (sleep) %.3f s;"
+        " RSS %ld KiB, baseline %ld KiB\n",
+        idleSeconds, agentCpu, 100.0 * agentCpu / idleSeconds, sleeperCpu, RssKiB(agent),
+        RssKiB(sleeper));
     kill(agent, SIGINT);
     kill(sleeper, SIGKILL);
     waitpid(agent, nullptr, 0);

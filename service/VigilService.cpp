@@ -1,5 +1,6 @@
 #include "service/VigilService.h"
 
+#include "platform/Console.h"
 #include "platform/ErrorCode.h"
 #include "platform/Exception.h"
 #include "service/VigilDataFolder.h"
@@ -60,8 +61,8 @@ Service::Service(std::u16string pipeName) : pipeName_(std::move(pipeName)) {
     Osb::MutexLock reportLock(reportMutex_);
     status_.dwServiceType = Osb::SERVICE_WIN32_OWN_PROCESS;
     status_.dwCurrentState = Osb::SERVICE_STOPPED;
-    status_.dwControlsAccepted =
-        Osb::SERVICE_ACCEPT_STOP | Osb::SERVICE_ACCEPT_PAUSE_CONTINUE | Osb::SERVICE_ACCEPT_SHUTDOWN;
+    status_.dwControlsAccepted = Osb::SERVICE_ACCEPT_STOP | Osb::SERVICE_ACCEPT_PAUSE_CONTINUE |
+                                 Osb::SERVICE_ACCEPT_SHUTDOWN;
     status_.dwWin32ExitCode = 0;
     status_.dwServiceSpecificExitCode = 0;
     status_.dwCheckPoint = 0;

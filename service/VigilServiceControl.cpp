@@ -49,9 +49,7 @@ uint32_t Service::stateWord() {
     return state_.load(std::memory_order_acquire);
 }
 
-uint32_t Service::exitCode() {
-    return exitCode_.load(std::memory_order_acquire);
-}
+uint32_t Service::exitCode() const { return exitCode_.load(std::memory_order_acquire); }
 
 void Service::reportStatus(uint32_t waitHint) {
     Osb::MutexLock reportLock(reportMutex_);
@@ -99,7 +97,8 @@ uint32_t Service::controlHandler(uint32_t control, uint32_t eventType, void* eve
                 {
                     Osb::MutexLock lock(self->mutex);
                     const uint32_t word = self->state_.load(std::memory_order_acquire);
-                    if (Has(word, ServiceState::kStopped) || Has(word, ServiceState::kStopPending)) {
+                    if (Has(word, ServiceState::kStopped) ||
+                        Has(word, ServiceState::kStopPending)) {
                         self->reportStatus(kReportWaitHint);
                         return Osb::Err::kSuccess;
                     }

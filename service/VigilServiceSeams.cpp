@@ -1,6 +1,17 @@
 #include "service/VigilServiceSeams.h"
 
+#include "platform/ModulePath.h"
+
 namespace Vigil {
+
+std::u16string ReadModulePath() {
+    // A buffer of 2048 units of which 2047 hold text: a longer path comes back cut to 2047 units.
+    // This call keeps one unit of its size for the terminator, so it is given the whole buffer.
+    std::u16string buffer(2048, u'\0');
+    const uint32_t length = Osb::GetModuleFileNameW(buffer.data(), 2048);
+    buffer.resize(length > 2047 ? 2047 : length);
+    return buffer;
+}
 
 // WIRING: replace with the configuration of the service (registry locale, dictionary lookups).
 // Until then the English texts.

@@ -16,7 +16,9 @@ namespace {
 constexpr int kStopWaitRounds = 30;
 constexpr uint32_t kStopWaitRoundMs = 2000;
 
-[[noreturn]] void RaiseLastError(Osb::ExWhere where) { throw Osb::ExSystem(Osb::ErrorCode(), where); }
+[[noreturn]] void RaiseLastError(Osb::ExWhere where) {
+    throw Osb::ExSystem(Osb::ErrorCode(), where);
+}
 
 // The two handles of one command. CloseServiceHandle in the clean-up after a failure reports
 // nothing; on the normal path a failed close is a failure of the command.
@@ -49,7 +51,8 @@ void TouchPlatform(const Osb::Config& config) {
 void OpenInstalled(Handles& handles) {
     handles.manager = Osb::OpenSCManagerW(nullptr, nullptr, Osb::SC_MANAGER_ALL_ACCESS);
     if (handles.manager == Osb::SC_HANDLE{}) RaiseLastError(OSB_HERE);
-    handles.service = Osb::OpenServiceW(handles.manager, kServiceName.c_str(), Osb::SERVICE_ALL_ACCESS);
+    handles.service =
+        Osb::OpenServiceW(handles.manager, kServiceName.c_str(), Osb::SERVICE_ALL_ACCESS);
     if (handles.service == Osb::SC_HANDLE{}) RaiseLastError(OSB_HERE);
 }
 
@@ -83,7 +86,8 @@ void Service::install(const std::u16string& account, const std::u16string& passw
         if (handles.service == Osb::SC_HANDLE{}) RaiseLastError(OSB_HERE);
         created = true;
         Osb::SERVICE_DESCRIPTIONW record{const_cast<char16_t*>(description_.c_str())};
-        if (!Osb::ChangeServiceConfig2W(handles.service, Osb::SERVICE_CONFIG_DESCRIPTION, &record)) {
+        if (!Osb::ChangeServiceConfig2W(handles.service, Osb::SERVICE_CONFIG_DESCRIPTION,
+                                        &record)) {
             RaiseLastError(OSB_HERE);
         }
         handles.closeChecked();

@@ -1,6 +1,6 @@
-#include "service/VigilDependencyList.h"
-
 #include <gtest/gtest.h>
+
+#include "service/VigilDependencyList.h"
 
 namespace Vigil {
 namespace {

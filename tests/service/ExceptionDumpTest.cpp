@@ -1,9 +1,9 @@
-#include "service/VigilExceptionDump.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <string>
+
+#include "service/VigilExceptionDump.h"
 
 namespace Vigil {
 namespace {
@@ -25,8 +25,9 @@ TEST(ExceptionDumpTest, SystemErrorPrintsItsCodeForEachReasonAndExitsWithIt) {
     int exitCode = 0;
     const std::string text = Dumped(failure, exitCode);
     EXPECT_EQ(exitCode, 1060);
-    const std::string first = "Dump Exception Stack -- Unexpected Error. Depth of 2\n"
-                              "    Operating System Error = 1060\n    What: ";
+    const std::string first =
+        "Dump Exception Stack -- Unexpected Error. Depth of 2\n"
+        "    Operating System Error = 1060\n    What: ";
     EXPECT_EQ(text.rfind(first, 0), 0u) << text;
     const std::string last = "    Operating System Error = 1060\n    What: second\n";
     EXPECT_EQ(text.substr(text.size() - last.size()), last);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/ErrorCode.h"
+#include "platform/Exception.h"
 #include "platform/Platform.h"
 #include "platform/ServiceControl.h"
 #include "service/VigilService.h"
@@ -162,10 +163,8 @@ TEST_F(ServiceStateTest, ExitCodeIsKeptWhilePendingAndZeroOtherwise) {
         ServiceState state;
         uint32_t reported;
     } cases[] = {
-        {ServiceState::kStartPending, 42},
-        {ServiceState::kStopPending, 42},
-        {ServiceState::kRunning, 0},
-        {ServiceState::kStopped, 0},
+        {ServiceState::kStartPending, 42}, {ServiceState::kStopPending, 42},
+        {ServiceState::kRunning, 0},       {ServiceState::kStopped, 0},
         {ServiceState::kPaused, 0},
     };
     for (const auto& c : cases) {
@@ -226,7 +225,8 @@ TEST_F(ServiceStateTest, PausedWaiterIsReleasedByContinueOnly) {
     });
     {
         std::unique_lock<std::mutex> hold(doneLock);
-        EXPECT_FALSE(doneCondition.wait_for(hold, std::chrono::milliseconds(200), [&] { return done; }));
+        EXPECT_FALSE(
+            doneCondition.wait_for(hold, std::chrono::milliseconds(200), [&] { return done; }));
     }
     Service::controlHandler(3, 0, nullptr, &service);
     {
@@ -246,7 +246,8 @@ TEST_F(ServiceStateTest, RunReportsStartAndStopAndLogsEachStepInOrder) {
     std::thread runner([&] { EXPECT_EQ(service.run(), 0); });
 
     const auto deadline = steady_clock::now() + std::chrono::seconds(20);
-    while (FakeManager::taken().size() < 2 && steady_clock::now() < deadline) std::this_thread::yield();
+    // Running once the Started event is out, which follows the RUNNING report.
+    while (events().empty() && steady_clock::now() < deadline) std::this_thread::yield();
     ASSERT_EQ(FakeManager::taken().size(), 2u);
     EXPECT_EQ(Service::controlHandler(2, 0, nullptr, &service), 0u);
     const auto stopAsked = steady_clock::now();
