@@ -121,6 +121,10 @@ const char* WindowsText(uint32_t code) {
             return "The service cannot accept control messages at this time.";
         case Err::kServiceNotActive:
             return "The service has not been started.";
+        case Err::kFailedServiceControllerConnect:
+            return "The service process could not connect to the service controller.";
+        case Err::kProcessAborted:
+            return "The process terminated unexpectedly.";
         case Err::kServiceMarkedForDelete:
             return "The specified service has been marked for deletion.";
         case Err::kServiceExists:
