@@ -118,8 +118,8 @@ int Service::execute() {
         } catch (const Osb::Exception& failure) {
             LogFailure(failure);
         }
-        // The dispatcher returns on the STOPPED report, while the service thread may still be
-        // closing the database: the platform and this object must outlive that.
+        // The STOPPED report comes before the service thread closes the database and the pipe;
+        // the platform and this object must outlive that, whenever the dispatcher returns.
         waitForServiceThread();
     }
     Osb::PlatformUninit();
