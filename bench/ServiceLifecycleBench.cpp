@@ -11,6 +11,7 @@
 //   ServiceLifecycleBench [--rounds N] [--idle-seconds S] [--folders N]
 //
 // Runs in a scratch system root of its own; CI never runs it.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,7 +44,7 @@ pid_t Launch(const std::vector<std::string>& args, bool quiet = true) {
     const pid_t pid = fork();
     if (pid == 0) {
         if (quiet) {
-            const int devnull = ::open("/dev/null", 1);
+            const int devnull = ::open("/dev/null", O_WRONLY);
             dup2(devnull, 1);
             dup2(devnull, 2);
         }
@@ -151,6 +152,9 @@ int main(int argc, char** argv) {
         while (!Connects(pipe)) std::this_thread::yield();
         startMs.push_back(Ms(Clock::now() - t0));
 
+        // Let the wait loop run, at a different phase of its one-second sleep each round, so that
+        // the stop is measured as a client of a settled service sees it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1000 + 1000 * round / rounds));
         t0 = Clock::now();
         kill(agent, SIGINT);
         waitpid(agent, nullptr, 0);

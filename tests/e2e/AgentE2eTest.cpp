@@ -101,6 +101,7 @@ TEST_F(AgentE2eTest, ConsoleRunStopsCleanlyOnEachStopSignal) {
         agent.signal(signal);
         const Finished end = agent.wait();
         EXPECT_EQ(end.status, 0);
+        EXPECT_EQ(end.err, "");
         // The client traces come from the pipe's threads and fall between the service's lines.
         std::string own;
         bool connectTraced = false;
