@@ -158,10 +158,11 @@ bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t** argv);
 
 // Sends `control` to the service's handler, waits for the handler's answer and fills `status`
 // with the status the service last reported. Fails with 1062 when the service does not run,
-// 1061 while it reports SERVICE_START_PENDING or SERVICE_STOP_PENDING, 1052 when the control is
-// not among its accepted controls (interrogate always is), 87 for SERVICE_CONTROL_SHUTDOWN or a
-// code from 7 to 127 other than those, with the handler's own result when it is not 0 (`status`
-// is filled all the same), and 1053 when the handler has not answered within 30 seconds.
+// 1061 while it reports SERVICE_START_PENDING or SERVICE_STOP_PENDING, 1052 for stop, pause,
+// continue or parameter change when the service's accepted controls lack its bit, 87 for
+// SERVICE_CONTROL_SHUTDOWN (the system's alone), with the handler's own result when it is not 0
+// (`status` is filled all the same), and 1053 when the handler has not answered within 30
+// seconds. Interrogate and every other code reach the handler, which decides.
 bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status);
 
 // Fills `status` with the status the service last reported, without reaching its handler. A
@@ -181,9 +182,10 @@ bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table);
 
 // Registers the control handler of the service and opens its endpoint; from here on StartServiceW
 // of the starter returns. Called once, from the service's thread. The initial status is
-// SERVICE_START_PENDING with SERVICE_WIN32_OWN_PROCESS and no accepted controls. Fails with 1063
-// outside a dispatcher, 1060 for a name that is not the dispatched service's, and with the code of
-// the socket operation that failed.
+// SERVICE_START_PENDING with SERVICE_WIN32_OWN_PROCESS and no accepted controls. `name` is not
+// checked, as Windows does not for a service of its own process. Fails with 1063 outside a
+// dispatcher, 87 for a null handler or a second registration, and with the code of the socket
+// operation that failed (206 when the endpoint's path is too long).
 SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerExW(const std::u16string& name,
                                                     LPHANDLER_FUNCTION_EX handler, void* context);
 

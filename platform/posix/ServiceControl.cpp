@@ -1,39 +1,321 @@
-// Interim: every call fails with 120 until the service manager's backend lands.
+// The manager's side of the service manager: records in ROOT/etc/orvanta/services, processes
+// started detached, and controls and queries through each running service's endpoint.
 #include "platform/ServiceControl.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <set>
+
 #include "platform/ErrorCode.h"
+#include "platform/Mutex.h"
+#include "platform/SystemRoot.h"
+#include "platform/Utf.h"
+#include "platform/posix/ServiceFiles.h"
+#include "platform/posix/ServiceLauncher.h"
 
 namespace Osb {
 
+struct ServiceHandleTag {
+    bool manager;
+    std::string name;  // UTF-8; empty for the manager
+};
+
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How long a start waits for the handler's registration, and a control for the handler's answer.
+constexpr int kAnswerMs = 30000;
+// How often a waiting start looks again.
+constexpr int kPollMs = 10;
+
+// Access bits that leave the services folder unwritten: connect, enumerate, query the lock state,
+// and the read-only standard rights.
+constexpr uint32_t kManagerReadAccess = 0x0001 | 0x0004 | 0x0010 | 0x20000;
+
+// The handles that are open, so that a closed or made-up handle is refused with 6 instead of
+// being followed.
+Mutex handlesMutex;
+std::set<SC_HANDLE> liveHandles OSB_GUARDED_BY(handlesMutex);
+
+SC_HANDLE NewHandle(bool manager, std::string name) {
+    auto* handle = new ServiceHandleTag{manager, std::move(name)};
+    MutexLock lock(handlesMutex);
+    liveHandles.insert(handle);
+    return handle;
+}
+
+// The service named by `handle`, or false with 6 as the last error.
+bool ServiceName(SC_HANDLE handle, bool wantManager, std::string& name) {
+    MutexLock lock(handlesMutex);
+    if (liveHandles.count(handle) == 0 || handle->manager != wantManager) {
+        SetLastError(Err::kInvalidHandle);
+        return false;
+    }
+    name = handle->name;
+    return true;
+}
+
 template <typename T>
-T Fail(T value) {
-    SetLastError(Err::kCallNotImplemented);
+T Fail(uint32_t code, T value) {
+    SetLastError(code);
     return value;
 }
+
+bool Empty(const char16_t* text) { return text == nullptr || *text == u'\0'; }
+
+std::string Text(const char16_t* text) {
+    return text == nullptr ? std::string() : Utf16ToUtf8(std::u16string_view(text));
+}
+
+// A list of zero-ended names, ended by one more zero, as names joined by '/'.
+std::string DependencyList(const char16_t* list) {
+    std::string joined;
+    while (list != nullptr && *list != u'\0') {
+        const std::u16string_view entry(list);
+        if (!joined.empty()) joined += '/';
+        joined += Utf16ToUtf8(entry);
+        list += entry.size() + 1;
+    }
+    return joined;
+}
+
+bool Query(const std::string& name, SERVICE_STATUS& status) {
+    Scm::EndpointReply reply = {};
+    const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, kAnswerMs);
+    if (code == Err::kServiceNotActive) {
+        status = Scm::StoppedStatus();
+        return true;
+    }
+    if (code != Err::kSuccess) return false;
+    status = reply.status;
+    return true;
+}
+
+// True when the endpoint of `name` answers with a state other than stopped.
+bool Answers(const std::string& name) {
+    Scm::EndpointReply reply = {};
+    return Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, kAnswerMs) == Err::kSuccess &&
+           reply.status.dwCurrentState != SERVICE_STOPPED;
+}
+
+// Holds NAME.start for one start, so that two starters never both launch a process.
+class StartLock {
+public:
+    explicit StartLock(const std::string& name)
+        : fd_(::open(Scm::StartLockPath(name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+        if (fd_ < 0) {
+            error_ = SetLastErrorFromErrno(errno, Scm::StartLockPath(name).c_str());
+            return;
+        }
+        while (::flock(fd_, LOCK_EX) != 0) {
+            if (errno != EINTR) {
+                error_ = SetLastErrorFromErrno(errno);
+                return;
+            }
+        }
+    }
+    ~StartLock() {
+        if (fd_ >= 0) ::close(fd_);  // closing releases the lock
+    }
+    StartLock(const StartLock&) = delete;
+    StartLock& operator=(const StartLock&) = delete;
+    uint32_t error() const { return error_; }
+
+private:
+    int fd_;
+    uint32_t error_ = Err::kSuccess;
+};
+
+// Waits until the launched process has registered its handler (0), has ended (1067) or the time
+// is up (1053). The pidfd is closed here.
+uint32_t AwaitRegistration(const std::string& name, int pidfd) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs);
+    for (;;) {
+        Scm::EndpointReply reply = {};
+        if (Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, kAnswerMs) == Err::kSuccess) break;
+        bool ended = pidfd == Scm::kProcessEnded;
+        if (pidfd >= 0) {
+            pollfd entry = {pidfd, POLLIN, 0};
+            ended = ::poll(&entry, 1, kPollMs) > 0;
+        } else if (!ended) {
+            ::usleep(kPollMs * 1000);
+        }
+        if (ended) {
+            // It may have registered and stopped between the two looks; the query above decides.
+            if (pidfd >= 0) ::close(pidfd);
+            return Fail(Err::kProcessAborted, Err::kProcessAborted);
+        }
+        if (Clock::now() >= deadline) {
+            if (pidfd >= 0) ::close(pidfd);
+            return Fail(Err::kServiceRequestTimeout, Err::kServiceRequestTimeout);
+        }
+    }
+    if (pidfd >= 0) ::close(pidfd);
+    return Err::kSuccess;
+}
+
 }  // namespace
 
-SC_HANDLE OpenSCManagerW(const char16_t*, const char16_t*, uint32_t) { return Fail<SC_HANDLE>(nullptr); }
-SC_HANDLE OpenServiceW(SC_HANDLE, const char16_t*, uint32_t) { return Fail<SC_HANDLE>(nullptr); }
-SC_HANDLE CreateServiceW(SC_HANDLE, const char16_t*, const char16_t*, uint32_t, uint32_t, uint32_t,
-                         uint32_t, const char16_t*, const char16_t*, uint32_t*, const char16_t*,
-                         const char16_t*, const char16_t*) {
-    return Fail<SC_HANDLE>(nullptr);
+SC_HANDLE OpenSCManagerW(const char16_t* machine, const char16_t* database, uint32_t access) {
+    if (!Empty(machine) || !Empty(database)) return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
+    if ((access & ~kManagerReadAccess) != 0) {
+        const std::string folder = Scm::ServicesFolder();
+        if (const uint32_t code = CreateDirectories(folder); code != Err::kSuccess) {
+            return Fail<SC_HANDLE>(code, nullptr);
+        }
+        if (::access(folder.c_str(), W_OK) != 0) {
+            return Fail<SC_HANDLE>(SetLastErrorFromErrno(errno, folder.c_str()), nullptr);
+        }
+    }
+    return NewHandle(true, std::string());
 }
-bool ChangeServiceConfig2W(SC_HANDLE, uint32_t, void*) { return Fail(false); }
-bool DeleteService(SC_HANDLE) { return Fail(false); }
-bool CloseServiceHandle(SC_HANDLE) { return Fail(false); }
-bool StartServiceW(SC_HANDLE, uint32_t, const char16_t**) { return Fail(false); }
-bool ControlService(SC_HANDLE, uint32_t, SERVICE_STATUS*) { return Fail(false); }
-bool QueryServiceStatus(SC_HANDLE, SERVICE_STATUS*) { return Fail(false); }
-bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY*) {
-    SetLastError(Err::kFailedServiceControllerConnect);
-    return false;
+
+SC_HANDLE OpenServiceW(SC_HANDLE manager, const char16_t* name, uint32_t) {
+    std::string unused;
+    if (!ServiceName(manager, true, unused)) return nullptr;
+    if (name == nullptr || !Scm::ValidServiceName(name)) {
+        return Fail<SC_HANDLE>(Err::kInvalidName, nullptr);
+    }
+    const std::string service = Utf16ToUtf8(std::u16string_view(name));
+    Scm::FinishPendingDeletion(service);
+    if (::access(Scm::RecordPath(service).c_str(), F_OK) != 0) {
+        return Fail<SC_HANDLE>(Err::kServiceDoesNotExist, nullptr);
+    }
+    return NewHandle(false, service);
 }
-SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerExW(const std::u16string&, LPHANDLER_FUNCTION_EX,
-                                                    void*) {
-    return Fail<SERVICE_STATUS_HANDLE>(nullptr);
+
+SC_HANDLE CreateServiceW(SC_HANDLE manager, const char16_t* name, const char16_t* displayName,
+                         uint32_t, uint32_t serviceType, uint32_t startType,
+                         uint32_t errorControl, const char16_t* binaryPath, const char16_t*,
+                         uint32_t* tagId, const char16_t* dependencies, const char16_t* account,
+                         const char16_t*) {
+    std::string unused;
+    if (!ServiceName(manager, true, unused)) return nullptr;
+    if (name == nullptr || !Scm::ValidServiceName(name)) {
+        return Fail<SC_HANDLE>(Err::kInvalidName, nullptr);
+    }
+    // Drivers' start types (0, 1) and error controls beyond "critical" (3) are no service's.
+    if (serviceType != SERVICE_WIN32_OWN_PROCESS || startType < SERVICE_AUTO_START ||
+        startType > SERVICE_DISABLED || errorControl > 3 || Empty(binaryPath)) {
+        return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
+    }
+    const std::string service = Utf16ToUtf8(std::u16string_view(name));
+    Scm::FinishPendingDeletion(service);
+    if (::access(Scm::DeleteMarkPath(service).c_str(), F_OK) == 0) {
+        return Fail<SC_HANDLE>(Err::kServiceMarkedForDelete, nullptr);
+    }
+    Scm::ServiceRecord record;
+    record.displayName = Empty(displayName) ? service : Text(displayName);
+    record.binaryPath = Text(binaryPath);
+    record.startType = startType;
+    record.errorControl = errorControl;
+    record.account = Text(account);
+    record.dependencies = DependencyList(dependencies);
+    if (Scm::WriteRecord(service, record, true) != Err::kSuccess) return nullptr;
+    if (tagId != nullptr) *tagId = 0;
+    return NewHandle(false, service);
 }
-bool SetServiceStatus(SERVICE_STATUS_HANDLE, const SERVICE_STATUS&) { return Fail(false); }
+
+bool ChangeServiceConfig2W(SC_HANDLE service, uint32_t infoLevel, void* info) {
+    std::string name;
+    if (!ServiceName(service, false, name)) return false;
+    if (infoLevel != SERVICE_CONFIG_DESCRIPTION || info == nullptr) {
+        return Fail(Err::kInvalidParameter, false);
+    }
+    const auto* description = static_cast<const SERVICE_DESCRIPTIONW*>(info);
+    if (::access(Scm::DeleteMarkPath(name).c_str(), F_OK) == 0) {
+        return Fail(Err::kServiceMarkedForDelete, false);
+    }
+    Scm::ServiceRecord record;
+    if (Scm::ReadRecord(name, record) != Err::kSuccess) return false;
+    if (description->lpDescription == nullptr) return true;
+    record.description = Text(description->lpDescription);
+    return Scm::WriteRecord(name, record, false) == Err::kSuccess;
+}
+
+bool DeleteService(SC_HANDLE service) {
+    std::string name;
+    if (!ServiceName(service, false, name)) return false;
+    const std::string record = Scm::RecordPath(name);
+    const std::string mark = Scm::DeleteMarkPath(name);
+    if (::access(record.c_str(), F_OK) != 0) return Fail(Err::kServiceDoesNotExist, false);
+    if (::access(mark.c_str(), F_OK) == 0) return Fail(Err::kServiceMarkedForDelete, false);
+    if (Scm::InstanceAlive(name)) {
+        // A running service is removed when its process ends (its dispatcher, or the next look
+        // of the manager, finishes the deletion).
+        const int fd = ::open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0) return Fail(SetLastErrorFromErrno(errno, mark.c_str()), false);
+        ::close(fd);
+        Scm::FinishPendingDeletion(name);  // it may have ended meanwhile
+        return true;
+    }
+    if (::unlink(record.c_str()) != 0) {
+        return Fail(SetLastErrorFromErrno(errno, record.c_str()), false);
+    }
+    return true;
+}
+
+bool CloseServiceHandle(SC_HANDLE handle) {
+    {
+        MutexLock lock(handlesMutex);
+        if (liveHandles.erase(handle) == 0) return Fail(Err::kInvalidHandle, false);
+    }
+    delete handle;
+    return true;
+}
+
+bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t**) {
+    std::string name;
+    if (!ServiceName(service, false, name)) return false;
+    if (argc != 0) return Fail(Err::kInvalidParameter, false);
+    Scm::ServiceRecord record;
+    if (Scm::ReadRecord(name, record) != Err::kSuccess) return false;
+    if (::access(Scm::DeleteMarkPath(name).c_str(), F_OK) == 0) {
+        return Fail(Err::kServiceMarkedForDelete, false);
+    }
+    if (record.startType == SERVICE_DISABLED) return Fail(Err::kServiceDisabled, false);
+    if (const uint32_t code = CreateDirectories(Scm::RunFolder()); code != Err::kSuccess) {
+        return Fail(code, false);
+    }
+    const StartLock startLock(name);
+    if (startLock.error() != Err::kSuccess) return false;
+    // A previous process that still holds its lock is either running (1056) or on its way out,
+    // which the start waits for, so that the new process can take the lock and the endpoint.
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs);
+    while (Scm::InstanceAlive(name)) {
+        if (Answers(name)) return Fail(Err::kServiceAlreadyRunning, false);
+        if (Clock::now() >= deadline) return Fail(Err::kServiceRequestTimeout, false);
+        ::usleep(kPollMs * 1000);
+    }
+    int pidfd = -1;
+    if (Scm::LaunchService(name, record.binaryPath, pidfd) != Err::kSuccess) return false;
+    return AwaitRegistration(name, pidfd) == Err::kSuccess;
+}
+
+bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status) {
+    std::string name;
+    if (!ServiceName(service, false, name)) return false;
+    if (status == nullptr) return Fail(Err::kInvalidParameter, false);
+    // Shutdown comes from the system only, never from a caller.
+    if (control == SERVICE_CONTROL_SHUTDOWN) return Fail(Err::kInvalidParameter, false);
+    Scm::EndpointReply reply = {};
+    const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpControl, control}, reply, kAnswerMs);
+    if (code != Err::kSuccess) return false;
+    *status = reply.status;
+    if (reply.result != Err::kSuccess) return Fail(reply.result, false);
+    return true;
+}
+
+bool QueryServiceStatus(SC_HANDLE service, SERVICE_STATUS* status) {
+    std::string name;
+    if (!ServiceName(service, false, name)) return false;
+    if (status == nullptr) return Fail(Err::kInvalidParameter, false);
+    return Query(name, *status);
+}
 
 }  // namespace Osb

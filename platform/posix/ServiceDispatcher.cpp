@@ -1,0 +1,314 @@
+// The service's side of the service manager: the dispatcher that the process's main thread turns
+// into, the registration of the control handler, and the status reports. One service per process.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "platform/ErrorCode.h"
+#include "platform/Mutex.h"
+#include "platform/ServiceControl.h"
+#include "platform/SystemRoot.h"
+#include "platform/Utf.h"
+#include "platform/posix/ServiceFiles.h"
+
+namespace Osb {
+
+struct StatusHandleTag {};
+
+namespace {
+
+// How long the dispatcher gives a caller to send its request and take its reply, so that a caller
+// that connects and goes silent cannot hold up the controls of everybody else.
+constexpr int kCallerTimeoutSeconds = 2;
+
+StatusHandleTag statusHandle;
+
+// The dispatcher of this process. Lock order: `mutex` is a leaf; it is never held while the
+// control handler runs (the handler reports its status, which takes it).
+struct Dispatcher {
+    Mutex mutex;
+    bool active OSB_GUARDED_BY(mutex) = false;
+    std::string name OSB_GUARDED_BY(mutex);
+    LPHANDLER_FUNCTION_EX handler OSB_GUARDED_BY(mutex) = nullptr;
+    void* context OSB_GUARDED_BY(mutex) = nullptr;
+    int listenFd OSB_GUARDED_BY(mutex) = -1;
+    SERVICE_STATUS status OSB_GUARDED_BY(mutex) = {};
+    bool stopped OSB_GUARDED_BY(mutex) = false;         // SERVICE_STOPPED has been reported
+    bool serviceReturned OSB_GUARDED_BY(mutex) = false;  // the service's thread has returned
+    // Written (one byte) whenever one of the fields above changes, to wake the dispatcher's poll.
+    // Set before the service's thread starts and closed after it is joined.
+    int wakeWrite = -1;
+};
+
+Dispatcher dispatcher;
+
+void Wake() {
+    const char byte = 0;
+    // A full pipe already holds a wake-up, which is all a byte says.
+    while (::write(dispatcher.wakeWrite, &byte, 1) < 0 && errno == EINTR) {
+    }
+}
+
+bool Transfer(int fd, void* data, size_t size, bool receive) {
+    auto* bytes = static_cast<char*>(data);
+    while (size > 0) {
+        const ssize_t done = receive ? ::recv(fd, bytes, size, 0)
+                                     : ::send(fd, bytes, size, MSG_NOSIGNAL);
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        bytes += done;
+        size -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+// The result of `control` before the handler is asked, from the status last reported; 0 lets the
+// handler decide.
+uint32_t Screen(uint32_t control, const SERVICE_STATUS& status) {
+    switch (status.dwCurrentState) {
+        case SERVICE_STOPPED:
+            return Err::kServiceNotActive;
+        case SERVICE_START_PENDING:
+        case SERVICE_STOP_PENDING:
+            return Err::kServiceCannotAcceptCtrl;
+        default:
+            break;
+    }
+    uint32_t needed = 0;
+    if (control == SERVICE_CONTROL_STOP) needed = SERVICE_ACCEPT_STOP;
+    if (control == SERVICE_CONTROL_PAUSE || control == SERVICE_CONTROL_CONTINUE) {
+        needed = SERVICE_ACCEPT_PAUSE_CONTINUE;
+    }
+    if (control == SERVICE_CONTROL_PARAMCHANGE) needed = SERVICE_ACCEPT_PARAMCHANGE;
+    if ((status.dwControlsAccepted & needed) != needed) return Err::kInvalidServiceControl;
+    return Err::kSuccess;
+}
+
+// Answers one caller of the endpoint, on the dispatcher's thread.
+void ServeOne(int listenFd) {
+    const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) return;  // the caller gave up already
+    const timeval limit = {kCallerTimeoutSeconds, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    Scm::EndpointRequest request = {};
+    if (!Transfer(fd, &request, sizeof(request), true)) {
+        ::close(fd);
+        return;
+    }
+    Scm::EndpointReply reply = {};
+    LPHANDLER_FUNCTION_EX handler = nullptr;
+    void* context = nullptr;
+    {
+        MutexLock lock(dispatcher.mutex);
+        reply.status = dispatcher.status;
+        handler = dispatcher.handler;
+        context = dispatcher.context;
+    }
+    if (request.op == Scm::kOpControl) {
+        reply.result = Screen(request.control, reply.status);
+        if (reply.result == Err::kSuccess) {
+            // Outside the lock: the handler reports its status, and SetServiceStatus takes it.
+            reply.result = handler(request.control, 0, nullptr, context);
+            MutexLock lock(dispatcher.mutex);
+            reply.status = dispatcher.status;
+        }
+    } else if (request.op != Scm::kOpQuery) {
+        reply.result = Err::kInvalidParameter;
+    }
+    Transfer(fd, &reply, sizeof(reply), false);
+    ::close(fd);
+}
+
+// Holds NAME.lock for the life of the dispatcher; that is how starters tell a live process.
+int TakeInstanceLock(const std::string& name, uint32_t& code) {
+    code = CreateDirectories(Scm::RunFolder());
+    if (code != Err::kSuccess) return -1;
+    const std::string path = Scm::LockPath(name);
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        code = SetLastErrorFromErrno(errno, path.c_str());
+        return -1;
+    }
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        code = errno == EWOULDBLOCK ? Err::kServiceAlreadyRunning : ErrorFromErrno(errno);
+        SetLastError(code);
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Serves the endpoint until the service has reported SERVICE_STOPPED or its thread has returned.
+void ServeUntilDone(int wakeRead) {
+    for (;;) {
+        int listenFd = -1;
+        {
+            MutexLock lock(dispatcher.mutex);
+            if (dispatcher.stopped || dispatcher.serviceReturned) return;
+            listenFd = dispatcher.listenFd;
+        }
+        pollfd entries[2] = {{wakeRead, POLLIN, 0}, {listenFd, POLLIN, 0}};
+        const int ready = ::poll(entries, listenFd >= 0 ? 2 : 1, -1);
+        if (ready < 0) continue;  // EINTR
+        if ((entries[0].revents & POLLIN) != 0) {
+            char drain[64];
+            [[maybe_unused]] const ssize_t got = ::read(wakeRead, drain, sizeof(drain));
+        }
+        if (listenFd >= 0 && (entries[1].revents & POLLIN) != 0) ServeOne(listenFd);
+    }
+}
+
+}  // namespace
+
+bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table) {
+    const char* variable = std::getenv("VIGIL_SERVICE");
+    if (variable == nullptr || *variable == '\0' || table == nullptr ||
+        table[0].lpServiceProc == nullptr) {
+        SetLastError(Err::kFailedServiceControllerConnect);
+        return false;
+    }
+    const std::string name = variable;
+    std::u16string serviceName = Utf8ToUtf16(name);
+    if (!Scm::ValidServiceName(serviceName)) {
+        SetLastError(Err::kInvalidName);
+        return false;
+    }
+    {
+        MutexLock lock(dispatcher.mutex);
+        if (dispatcher.active) {
+            SetLastError(Err::kServiceAlreadyRunning);
+            return false;
+        }
+    }
+    uint32_t code = Err::kSuccess;
+    const int lockFd = TakeInstanceLock(name, code);
+    if (lockFd < 0) return false;
+    int wake[2];
+    if (::pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0) {
+        code = SetLastErrorFromErrno(errno);
+        ::close(lockFd);
+        return false;
+    }
+    {
+        MutexLock lock(dispatcher.mutex);
+        dispatcher.active = true;
+        dispatcher.name = name;
+        dispatcher.handler = nullptr;
+        dispatcher.context = nullptr;
+        dispatcher.listenFd = -1;
+        dispatcher.status = {};
+        dispatcher.stopped = false;
+        dispatcher.serviceReturned = false;
+        dispatcher.wakeWrite = wake[1];
+    }
+    const LPSERVICE_MAIN_FUNCTIONW serviceMain = table[0].lpServiceProc;
+    std::thread service([serviceMain, &serviceName] {
+        char16_t* argv[] = {serviceName.data(), nullptr};
+        serviceMain(1, argv);
+        MutexLock lock(dispatcher.mutex);
+        dispatcher.serviceReturned = true;
+        Wake();
+    });
+    ServeUntilDone(wake[0]);
+    // Callers that connect from here on find no endpoint and see a stopped service; the new
+    // process of a following start binds a fresh one once this process has let go of its lock.
+    {
+        MutexLock lock(dispatcher.mutex);
+        if (dispatcher.listenFd >= 0) {
+            ::close(dispatcher.listenFd);
+            ::unlink(Scm::EndpointPath(name).c_str());
+            dispatcher.listenFd = -1;
+        }
+    }
+    // The service's thread may still be winding down after its report of SERVICE_STOPPED; the
+    // dispatcher returns only after it, so that main never ends under that thread's feet.
+    service.join();
+    // A deletion asked for while the service ran completes now, under this process's lock, so no
+    // new start can slip in between.
+    if (::access(Scm::DeleteMarkPath(name).c_str(), F_OK) == 0) {
+        ::unlink(Scm::RecordPath(name).c_str());
+        ::unlink(Scm::DeleteMarkPath(name).c_str());
+    }
+    {
+        MutexLock lock(dispatcher.mutex);
+        dispatcher.active = false;
+        dispatcher.handler = nullptr;
+        dispatcher.wakeWrite = -1;
+    }
+    ::close(wake[0]);
+    ::close(wake[1]);
+    ::close(lockFd);
+    return true;
+}
+
+SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerExW(const std::u16string&,
+                                                    LPHANDLER_FUNCTION_EX handler, void* context) {
+    MutexLock lock(dispatcher.mutex);
+    if (!dispatcher.active) {
+        SetLastError(Err::kFailedServiceControllerConnect);
+        return nullptr;
+    }
+    if (handler == nullptr || dispatcher.handler != nullptr) {
+        SetLastError(Err::kInvalidParameter);
+        return nullptr;
+    }
+    const std::string path = Scm::EndpointPath(dispatcher.name);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        SetLastError(Err::kFilenameExcedRange);
+        return nullptr;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        SetLastErrorFromErrno(errno);
+        return nullptr;
+    }
+    // This process holds the service's lock, so a socket already there was left by a process
+    // that died; it is replaced.
+    ::unlink(path.c_str());
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::listen(fd, SOMAXCONN) != 0) {
+        SetLastErrorFromErrno(errno, path.c_str());
+        ::close(fd);
+        return nullptr;
+    }
+    dispatcher.listenFd = fd;
+    dispatcher.handler = handler;
+    dispatcher.context = context;
+    dispatcher.status = {};
+    dispatcher.status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    dispatcher.status.dwCurrentState = SERVICE_START_PENDING;
+    Wake();
+    return &statusHandle;
+}
+
+bool SetServiceStatus(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& status) {
+    MutexLock lock(dispatcher.mutex);
+    if (handle != &statusHandle || !dispatcher.active || dispatcher.handler == nullptr) {
+        SetLastError(Err::kInvalidHandle);
+        return false;
+    }
+    if (status.dwCurrentState < SERVICE_STOPPED || status.dwCurrentState > SERVICE_PAUSED) {
+        SetLastError(Err::kInvalidParameter);
+        return false;
+    }
+    dispatcher.status = status;
+    if (status.dwCurrentState == SERVICE_STOPPED) {
+        dispatcher.stopped = true;
+        Wake();
+    }
+    return true;
+}
+
+}  // namespace Osb

@@ -1,0 +1,221 @@
+// Installing, opening and deleting services, and the error of each refused call, without running
+// any service process.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <sys/stat.h>
+
+#include "platform/Console.h"
+#include "platform/ErrorCode.h"
+#include "platform/ServiceControl.h"
+#include "tests/support/ScratchRoot.h"
+
+namespace {
+
+using namespace Osb;
+
+std::string ReadText(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class ServiceControlTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        manager_ = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+        ASSERT_NE(manager_, nullptr) << ErrorCode();
+    }
+    void TearDown() override { CloseServiceHandle(manager_); }
+
+    SC_HANDLE create(const char16_t* name, const char16_t* dependencies = nullptr,
+                     const char16_t* account = nullptr) {
+        return CreateServiceW(manager_, name, u"Display", SERVICE_ALL_ACCESS,
+                              SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                              SERVICE_ERROR_IGNORE, u"/opt/agent/agent", nullptr, nullptr,
+                              dependencies, account, u"secret");
+    }
+
+    vigil_test::ScratchRoot root_;
+    SC_HANDLE manager_ = nullptr;
+};
+
+TEST_F(ServiceControlTest, InstallWritesEveryKeyAndOpenFindsIt) {
+    uint32_t tag = 77;
+    SC_HANDLE service = CreateServiceW(
+        manager_, u"Agent", u"Shown\nName", SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
+        SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, u"/opt/agent/agent", nullptr, &tag,
+        u"First\0Second\0", u"dom\\bob", u"secret");
+    ASSERT_NE(service, nullptr) << ErrorCode();
+    EXPECT_EQ(tag, 0u);
+    SERVICE_DESCRIPTIONW description = {const_cast<char16_t*>(u"Tracks\r\nfiles")};
+    ASSERT_TRUE(ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description));
+    EXPECT_TRUE(CloseServiceHandle(service));
+
+    std::string text = ReadText(root_ / "etc/orvanta/services/Agent.conf");
+    for (const char* line :
+         {"DisplayName=Shown\\nName\n", "Description=Tracks\\r\\nfiles\n",
+          "BinaryPath=/opt/agent/agent\n", "StartType=2\n", "ErrorControl=1\n",
+          "Account=dom\\\\bob\n", "Dependencies=First/Second\n"}) {
+        EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
+    }
+    EXPECT_EQ(text.find("secret"), std::string::npos) << "the password must not be kept";
+
+    SC_HANDLE opened = OpenServiceW(manager_, u"Agent", SERVICE_ALL_ACCESS);
+    ASSERT_NE(opened, nullptr) << ErrorCode();
+    SERVICE_STATUS status = {};
+    ASSERT_TRUE(QueryServiceStatus(opened, &status));
+    EXPECT_EQ(status.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(status.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
+    EXPECT_TRUE(CloseServiceHandle(opened));
+}
+
+TEST_F(ServiceControlTest, AbsentValuesAreEmptyAndDisplayNameDefaultsToTheName) {
+    SC_HANDLE service = CreateServiceW(manager_, u"Bare", nullptr, SERVICE_ALL_ACCESS,
+                                       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                                       SERVICE_ERROR_IGNORE, u"/b", nullptr, nullptr, nullptr,
+                                       nullptr, nullptr);
+    ASSERT_NE(service, nullptr) << ErrorCode();
+    CloseServiceHandle(service);
+    const std::string text = ReadText(root_ / "etc/orvanta/services/Bare.conf");
+    for (const char* line : {"DisplayName=Bare\n", "Description=\n", "Account=\n",
+                             "Dependencies=\n", "StartType=3\n", "ErrorControl=0\n"}) {
+        EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
+    }
+}
+
+TEST_F(ServiceControlTest, DeleteRemovesTheRecordAndLaterCallsSeeNoService) {
+    SC_HANDLE service = create(u"Gone");
+    ASSERT_NE(service, nullptr);
+    ASSERT_TRUE(DeleteService(service));
+    EXPECT_NE(access((root_ / "etc/orvanta/services/Gone.conf").c_str(), F_OK), 0);
+
+    SERVICE_STATUS status = {};
+    EXPECT_FALSE(DeleteService(service));
+    EXPECT_EQ(ErrorCode(), Err::kServiceDoesNotExist);
+    EXPECT_FALSE(StartServiceW(service, 0, nullptr));
+    EXPECT_EQ(ErrorCode(), Err::kServiceDoesNotExist);
+    EXPECT_FALSE(ControlService(service, SERVICE_CONTROL_STOP, &status));
+    EXPECT_EQ(ErrorCode(), Err::kServiceNotActive);
+    EXPECT_EQ(OpenServiceW(manager_, u"Gone", SERVICE_ALL_ACCESS), nullptr);
+    EXPECT_EQ(ErrorCode(), Err::kServiceDoesNotExist);
+    CloseServiceHandle(service);
+
+    // The name is free again.
+    SC_HANDLE again = create(u"Gone");
+    EXPECT_NE(again, nullptr) << ErrorCode();
+    CloseServiceHandle(again);
+}
+
+TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
+    SC_HANDLE existing = create(u"Here");
+    ASSERT_NE(existing, nullptr);
+    SERVICE_STATUS status = {};
+    struct Row {
+        const char* what;
+        std::function<bool()> call;
+        uint32_t code;
+    };
+    const Row rows[] = {
+        {"second install", [&] { return create(u"Here") != nullptr; }, Err::kServiceExists},
+        {"open missing", [&] { return OpenServiceW(manager_, u"Nope", 0) != nullptr; },
+         Err::kServiceDoesNotExist},
+        {"empty name", [&] { return create(u"") != nullptr; }, Err::kInvalidName},
+        {"slash in name", [&] { return create(u"a/b") != nullptr; }, Err::kInvalidName},
+        {"backslash in name", [&] { return OpenServiceW(manager_, u"a\\b", 0) != nullptr; },
+         Err::kInvalidName},
+        {"dot dot", [&] { return create(u"..") != nullptr; }, Err::kInvalidName},
+        {"no binary",
+         [&] {
+             return CreateServiceW(manager_, u"NoBin", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
+                                   SERVICE_DEMAND_START, 0, u"", nullptr, nullptr, nullptr,
+                                   nullptr, nullptr) != nullptr;
+         },
+         Err::kInvalidParameter},
+        {"driver start type",
+         [&] {
+             return CreateServiceW(manager_, u"Drv", nullptr, 0, SERVICE_WIN32_OWN_PROCESS, 1, 0,
+                                   u"/b", nullptr, nullptr, nullptr, nullptr,
+                                   nullptr) != nullptr;
+         },
+         Err::kInvalidParameter},
+        {"remote machine",
+         [&] { return OpenSCManagerW(u"\\\\far", nullptr, SC_MANAGER_CONNECT) != nullptr; },
+         Err::kInvalidParameter},
+        {"service handle as manager",
+         [&] { return OpenServiceW(existing, u"Here", 0) != nullptr; }, Err::kInvalidHandle},
+        {"manager handle as service", [&] { return DeleteService(manager_); },
+         Err::kInvalidHandle},
+        {"control stopped service",
+         [&] { return ControlService(existing, SERVICE_CONTROL_PAUSE, &status); },
+         Err::kServiceNotActive},
+        {"shutdown from a caller",
+         [&] { return ControlService(existing, SERVICE_CONTROL_SHUTDOWN, &status); },
+         Err::kInvalidParameter},
+        {"unknown description level", [&] { return ChangeServiceConfig2W(existing, 2, &status); },
+         Err::kInvalidParameter},
+        {"dispatcher outside the manager",
+         [] {
+             const SERVICE_TABLE_ENTRY table[] = {{u"x", [](uint32_t, char16_t**) {}},
+                                                  {nullptr, nullptr}};
+             return StartServiceCtrlDispatcherW(table);
+         },
+         Err::kFailedServiceControllerConnect},
+        {"status without registration",
+         [&] { return SetServiceStatus(nullptr, status); }, Err::kInvalidHandle},
+    };
+    for (const Row& row : rows) {
+        SetLastError(0);
+        EXPECT_FALSE(row.call()) << row.what;
+        EXPECT_EQ(ErrorCode(), row.code) << row.what;
+    }
+    EXPECT_TRUE(CloseServiceHandle(existing));
+    EXPECT_FALSE(CloseServiceHandle(existing)) << "a closed handle must be refused";
+    EXPECT_EQ(ErrorCode(), Err::kInvalidHandle);
+}
+
+TEST_F(ServiceControlTest, DisabledServiceDoesNotStartAndMissingBinaryGivesTheExecError) {
+    SC_HANDLE disabled = CreateServiceW(manager_, u"Off", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
+                                        SERVICE_DISABLED, 0, u"/bin/true", nullptr, nullptr,
+                                        nullptr, nullptr, nullptr);
+    ASSERT_NE(disabled, nullptr);
+    EXPECT_FALSE(StartServiceW(disabled, 0, nullptr));
+    EXPECT_EQ(ErrorCode(), Err::kServiceDisabled);
+    CloseServiceHandle(disabled);
+
+    SC_HANDLE missing = CreateServiceW(manager_, u"NoExe", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
+                                       SERVICE_DEMAND_START, 0, u"/no/such/binary", nullptr,
+                                       nullptr, nullptr, nullptr, nullptr);
+    ASSERT_NE(missing, nullptr);
+    EXPECT_FALSE(StartServiceW(missing, 0, nullptr));
+    EXPECT_EQ(ErrorCode(), Err::kPathNotFound);
+    CloseServiceHandle(missing);
+}
+
+TEST_F(ServiceControlTest, CallerWhoMayNotWriteTheServicesFolderGetsAccessDenied) {
+    if (geteuid() == 0) GTEST_SKIP() << "root may write any folder, so nothing can be refused";
+    ASSERT_EQ(chmod((root_ / "etc/orvanta/services").c_str(), 0555), 0);
+    EXPECT_EQ(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE), nullptr);
+    EXPECT_EQ(ErrorCode(), Err::kAccessDenied);
+    EXPECT_EQ(create(u"Denied"), nullptr);
+    EXPECT_EQ(ErrorCode(), Err::kAccessDenied);
+    SC_HANDLE reader = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    EXPECT_NE(reader, nullptr) << "connecting needs no write access";
+    CloseServiceHandle(reader);
+    chmod((root_ / "etc/orvanta/services").c_str(), 0755);
+}
+
+TEST(ConsoleTest, ConsoleModeUnlessStartedAsAService) {
+    unsetenv("VIGIL_SERVICE");
+    EXPECT_EQ(AllocConsole(), 0);
+    setenv("VIGIL_SERVICE", "Svc", 1);
+    EXPECT_EQ(AllocConsole(), 1);
+    EXPECT_EQ(FreeConsole(), 1);
+    unsetenv("VIGIL_SERVICE");
+}
+
+}  // namespace

@@ -1,0 +1,329 @@
+// Services that run: the test helper FakeService started detached by the manager, controlled and
+// queried through its endpoint. Every wait polls with a deadline.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "platform/Console.h"
+#include "platform/ErrorCode.h"
+#include "platform/ServiceControl.h"
+#include "platform/Utf.h"
+#include "platform/posix/ServiceFiles.h"
+#include "tests/support/ScratchRoot.h"
+
+namespace {
+
+using namespace Osb;
+
+bool PollUntil(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::yield();
+        usleep(2000);  // a poll interval, not a synchronisation: the condition decides
+    }
+    return true;
+}
+
+class ServiceProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setenv("FAKE_SERVICE_MODE", "normal", 1);
+        manager_ = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+        ASSERT_NE(manager_, nullptr);
+        service_ = install(u"Fake");
+        ASSERT_NE(service_, nullptr) << ErrorCode();
+    }
+    void TearDown() override {
+        // Nothing may outlive the scratch root: stop whatever still runs and wait for its end.
+        release();
+        for (const std::string& name : started_) {
+            SC_HANDLE service = OpenServiceW(manager_, Utf8ToUtf16(name).c_str(), 0);
+            SERVICE_STATUS status = {};
+            if (service != nullptr) ControlService(service, SERVICE_CONTROL_STOP, &status);
+            EXPECT_TRUE(PollUntil([&] { return !Scm::InstanceAlive(name); })) << name;
+            if (service != nullptr) CloseServiceHandle(service);
+        }
+        CloseServiceHandle(service_);
+        CloseServiceHandle(manager_);
+        unsetenv("FAKE_SERVICE_MODE");
+    }
+
+    SC_HANDLE install(const char16_t* name) {
+        return CreateServiceW(manager_, name, nullptr, SERVICE_ALL_ACCESS,
+                              SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, 0,
+                              Utf8ToUtf16(FAKE_SERVICE_PATH).c_str(), nullptr, nullptr, nullptr,
+                              nullptr, nullptr);
+    }
+    bool start(SC_HANDLE service = nullptr, const std::string& name = "Fake") {
+        started_.push_back(name);
+        return StartServiceW(service != nullptr ? service : service_, 0, nullptr);
+    }
+    std::string log(const std::string& name = "Fake") {
+        std::ifstream in(root_ / ("var/log/orvanta/" + name + ".log"));
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    uint32_t state() {
+        SERVICE_STATUS status = {};
+        EXPECT_TRUE(QueryServiceStatus(service_, &status));
+        return status.dwCurrentState;
+    }
+    bool awaitState(uint32_t wanted) {
+        return PollUntil([&] { return state() == wanted; });
+    }
+    void release() { std::ofstream(root_ / "release") << ""; }
+    // The pid the fake logged at its registration, the n-th one (0-based).
+    pid_t registeredPid(size_t n = 0) {
+        std::istringstream lines(log());
+        std::string word;
+        pid_t pid = 0;
+        size_t seen = 0;
+        while (lines >> word) {
+            if (word == "register" && lines >> pid && seen++ == n) return pid;
+        }
+        return 0;
+    }
+
+    vigil_test::ScratchRoot root_;
+    SC_HANDLE manager_ = nullptr;
+    SC_HANDLE service_ = nullptr;
+    std::vector<std::string> started_;
+};
+
+TEST_F(ServiceProcessTest, StartedServiceAnswersControlsWithItsReportedStatus) {
+    ASSERT_TRUE(start()) << ErrorCode();
+    EXPECT_NE(log().find("register "), std::string::npos) << "start returned before registration";
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
+
+    struct Row {
+        uint32_t control;
+        bool succeeds;
+        uint32_t code;   // ErrorCode() on failure
+        uint32_t state;  // reported afterwards
+    };
+    const Row rows[] = {
+        {SERVICE_CONTROL_PAUSE, true, 0, SERVICE_PAUSED},
+        {SERVICE_CONTROL_INTERROGATE, true, 0, SERVICE_PAUSED},
+        {SERVICE_CONTROL_CONTINUE, true, 0, SERVICE_RUNNING},
+        {SERVICE_CONTROL_PARAMCHANGE, false, Err::kInvalidServiceControl, SERVICE_RUNNING},
+        {200, false, 1234, SERVICE_RUNNING},
+        {7, false, Err::kCallNotImplemented, SERVICE_RUNNING},
+    };
+    for (const Row& row : rows) {
+        SERVICE_STATUS status = {};
+        EXPECT_EQ(ControlService(service_, row.control, &status), row.succeeds) << row.control;
+        if (!row.succeeds) {
+            EXPECT_EQ(ErrorCode(), row.code) << row.control;
+        }
+        EXPECT_EQ(status.dwCurrentState, row.state) << row.control;
+        EXPECT_EQ(status.dwControlsAccepted, SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_PAUSE_CONTINUE);
+    }
+    // The interrogate went through the handler, which counts it in the checkpoint.
+    SERVICE_STATUS status = {};
+    ASSERT_TRUE(QueryServiceStatus(service_, &status));
+    EXPECT_EQ(status.dwCheckPoint, 1u);
+
+    EXPECT_FALSE(StartServiceW(service_, 0, nullptr));
+    EXPECT_EQ(ErrorCode(), Err::kServiceAlreadyRunning);
+
+    ASSERT_TRUE(ControlService(service_, SERVICE_CONTROL_STOP, &status));
+    EXPECT_EQ(status.dwCurrentState, SERVICE_STOP_PENDING);
+    ASSERT_TRUE(PollUntil([&] { return log().find("exit ") != std::string::npos; }));
+    EXPECT_EQ(state(), SERVICE_STOPPED);
+    EXPECT_FALSE(ControlService(service_, SERVICE_CONTROL_STOP, &status));
+    EXPECT_EQ(ErrorCode(), Err::kServiceNotActive);
+    EXPECT_EQ(log().find("overlap"), std::string::npos);
+    EXPECT_EQ(log().find("console"), std::string::npos);
+}
+
+TEST_F(ServiceProcessTest, ServiceRunsWithTheStartersEnvironmentAndItsOwnName) {
+    setenv("FAKE_SERVICE_MODE", "stop-only", 1);
+    ASSERT_TRUE(start()) << ErrorCode();
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
+    SERVICE_STATUS status = {};
+    // Only stop is accepted, which proves the inherited mode reached the process.
+    EXPECT_FALSE(ControlService(service_, SERVICE_CONTROL_PAUSE, &status));
+    EXPECT_EQ(ErrorCode(), Err::kInvalidServiceControl);
+    EXPECT_EQ(status.dwCurrentState, SERVICE_RUNNING);
+    EXPECT_EQ(log().find("control 2"), std::string::npos) << "a refused control reached the handler";
+}
+
+TEST_F(ServiceProcessTest, PendingStartRefusesControlsButAnswersQueries) {
+    setenv("FAKE_SERVICE_MODE", "hold-start", 1);
+    ASSERT_TRUE(start()) << ErrorCode();
+    EXPECT_EQ(state(), SERVICE_START_PENDING);
+    SERVICE_STATUS status = {};
+    EXPECT_FALSE(ControlService(service_, SERVICE_CONTROL_STOP, &status));
+    EXPECT_EQ(ErrorCode(), Err::kServiceCannotAcceptCtrl);
+    release();
+    EXPECT_TRUE(awaitState(SERVICE_RUNNING));
+}
+
+TEST_F(ServiceProcessTest, ProcessThatEndsBeforeRegisteringFailsTheStart) {
+    setenv("FAKE_SERVICE_MODE", "early-exit", 1);
+    EXPECT_FALSE(start());
+    EXPECT_EQ(ErrorCode(), Err::kProcessAborted);
+    EXPECT_EQ(state(), SERVICE_STOPPED);
+}
+
+TEST_F(ServiceProcessTest, StartWaitsForThePreviousProcessToEnd) {
+    setenv("FAKE_SERVICE_MODE", "hold-exit", 1);
+    ASSERT_TRUE(start()) << ErrorCode();
+    SERVICE_STATUS status = {};
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
+    ASSERT_TRUE(ControlService(service_, SERVICE_CONTROL_STOP, &status));
+    // Stopped as far as the manager knows, but the process still holds on.
+    ASSERT_TRUE(awaitState(SERVICE_STOPPED));
+    ASSERT_TRUE(Scm::InstanceAlive("Fake"));
+    std::atomic<bool> restarted{false};
+    std::atomic<uint32_t> code{0};
+    std::thread starter([&] {
+        restarted = StartServiceW(service_, 0, nullptr);
+        code = ErrorCode();
+    });
+    // The new process cannot appear while the old one lives: its registration comes after the
+    // old one's exit line in the shared log.
+    release();
+    starter.join();
+    EXPECT_TRUE(restarted) << code;
+    const std::string text = log();
+    const size_t exit = text.find("exit ");
+    const size_t second = text.find("register ", text.find("register ") + 1);
+    ASSERT_NE(exit, std::string::npos) << text;
+    ASSERT_NE(second, std::string::npos) << text;
+    EXPECT_LT(exit, second) << text;
+    EXPECT_NE(registeredPid(0), registeredPid(1));
+}
+
+TEST_F(ServiceProcessTest, StaleEndpointOfADeadProcessCountsAsStoppedAndIsReplaced) {
+    ASSERT_TRUE(start()) << ErrorCode();
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
+    const pid_t pid = registeredPid();
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    ASSERT_TRUE(PollUntil([] { return !Scm::InstanceAlive("Fake"); }));
+    EXPECT_EQ(access(Scm::EndpointPath("Fake").c_str(), F_OK), 0) << "the socket should be left";
+    EXPECT_EQ(state(), SERVICE_STOPPED);
+    SERVICE_STATUS status = {};
+    EXPECT_FALSE(ControlService(service_, SERVICE_CONTROL_INTERROGATE, &status));
+    EXPECT_EQ(ErrorCode(), Err::kServiceNotActive);
+
+    ASSERT_TRUE(start()) << ErrorCode();
+    EXPECT_TRUE(awaitState(SERVICE_RUNNING));
+    EXPECT_NE(registeredPid(1), pid);
+}
+
+TEST_F(ServiceProcessTest, DeletingARunningServiceMarksItUntilItsProcessEnds) {
+    ASSERT_TRUE(start()) << ErrorCode();
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
+    ASSERT_TRUE(DeleteService(service_));
+    EXPECT_FALSE(DeleteService(service_));
+    EXPECT_EQ(ErrorCode(), Err::kServiceMarkedForDelete);
+    EXPECT_EQ(install(u"Fake"), nullptr);
+    EXPECT_EQ(ErrorCode(), Err::kServiceMarkedForDelete);
+    EXPECT_EQ(state(), SERVICE_RUNNING) << "a marked service goes on running";
+
+    SERVICE_STATUS status = {};
+    ASSERT_TRUE(ControlService(service_, SERVICE_CONTROL_STOP, &status));
+    ASSERT_TRUE(PollUntil([] { return !Scm::InstanceAlive("Fake"); }));
+    EXPECT_EQ(OpenServiceW(manager_, u"Fake", 0), nullptr);
+    EXPECT_EQ(ErrorCode(), Err::kServiceDoesNotExist);
+    EXPECT_NE(access(Scm::RecordPath("Fake").c_str(), F_OK), 0);
+}
+
+TEST_F(ServiceProcessTest, ConcurrentControlsEachGetOneAnswerAndNeverOverlap) {
+    ASSERT_TRUE(start()) << ErrorCode();
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
+    constexpr int kThreads = 8;
+    constexpr int kEach = 25;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            // Each thread has its handle, as separate processes would.
+            SC_HANDLE own = OpenServiceW(manager_, u"Fake", SERVICE_ALL_ACCESS);
+            for (int i = 0; i < kEach; ++i) {
+                SERVICE_STATUS status = {};
+                const uint32_t control = (i + t) % 2 == 0 ? SERVICE_CONTROL_INTERROGATE : 200u;
+                const bool ok = ControlService(own, control, &status);
+                const bool expected = control == SERVICE_CONTROL_INTERROGATE
+                                          ? ok
+                                          : !ok && ErrorCode() == 1234;
+                if (!expected) ++failures;
+            }
+            CloseServiceHandle(own);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(failures.load(), 0);
+    SERVICE_STATUS status = {};
+    ASSERT_TRUE(QueryServiceStatus(service_, &status));
+    EXPECT_EQ(status.dwCheckPoint, static_cast<uint32_t>(kThreads * kEach / 2));
+    EXPECT_EQ(log().find("overlap"), std::string::npos);
+}
+
+TEST_F(ServiceProcessTest, ConcurrentStartsLaunchOneProcess) {
+    constexpr int kThreads = 4;
+    std::atomic<int> succeeded{0};
+    std::atomic<int> alreadyRunning{0};
+    started_.push_back("Fake");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            SC_HANDLE own = OpenServiceW(manager_, u"Fake", SERVICE_ALL_ACCESS);
+            if (StartServiceW(own, 0, nullptr)) {
+                ++succeeded;
+            } else if (ErrorCode() == Err::kServiceAlreadyRunning) {
+                ++alreadyRunning;
+            }
+            CloseServiceHandle(own);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(succeeded.load(), 1);
+    EXPECT_EQ(alreadyRunning.load(), kThreads - 1);
+    EXPECT_EQ(registeredPid(1), 0) << log();
+}
+
+TEST(ConsoleStopHandlerTest, StopSignalsReachTheHandlerOffTheSignalContext) {
+    static std::mutex mutex;
+    static std::condition_variable arrived;
+    static std::vector<uint32_t> types;
+    static std::thread::id handlerThread;
+    {
+        ConsoleStopHandler stop([](uint32_t type) {
+            std::lock_guard<std::mutex> lock(mutex);
+            types.push_back(type);
+            handlerThread = std::this_thread::get_id();
+            arrived.notify_all();
+            return true;
+        });
+        ASSERT_EQ(raise(SIGINT), 0);
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            ASSERT_TRUE(arrived.wait_for(lock, std::chrono::seconds(20), [] { return types.size() == 1; }));
+        }
+        ASSERT_EQ(raise(SIGTERM), 0);
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(arrived.wait_for(lock, std::chrono::seconds(20), [] { return types.size() == 2; }));
+    }
+    EXPECT_EQ(types, (std::vector<uint32_t>{CTRL_C_EVENT, CTRL_CLOSE_EVENT}));
+    EXPECT_NE(handlerThread, std::this_thread::get_id());
+}
+
+}  // namespace
