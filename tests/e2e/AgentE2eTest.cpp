@@ -220,6 +220,50 @@ TEST_F(AgentE2eTest, InstallStartPauseContinueStopRestartUninstall) {
                                                   kStopped}));
 }
 
+TEST_F(AgentE2eTest, InstallRecordsTheModifiersOfItsCommandLine) {
+    const struct {
+        std::vector<std::string> args;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {{"/INSTALL"},
+         {"StartType=3", "ErrorControl=0", "Account=", "Dependencies=",
+          "Description=Tracks files that are managed by Mirelle Catalog"}},
+        {{"/INSTALL", "/AUTOSTART", "/ACCOUNT", "bob", "/DOMAIN", "dom", "/PASSWORD", "pw"},
+         {"StartType=2", "ErrorControl=1", "Account=dom\\\\bob"}},
+        {{"/DOMAIN", "dom", "/INSTALL"}, {"Account="}},
+        {{"/INSTALL", "/DEPENDENCIES", "Tcpip  Afd"}, {"Dependencies=Tcpip/Afd"}},
+        {{"/PORT", "other", "/INSTALL"}, {"BinaryPath=" + AgentPath()}},
+    };
+    const std::string conf = root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args.size());
+        const Finished install = RunAgent(c.args);
+        EXPECT_EQ(install.status, 0);
+        EXPECT_EQ(install.out, kInstalled);
+        const std::vector<std::string> record = FileLines(conf);
+        for (const std::string& line : c.lines) {
+            EXPECT_NE(std::find(record.begin(), record.end(), line), record.end()) << line;
+        }
+        for (const std::string& line : record) EXPECT_EQ(line.find("pw"), std::string::npos);
+        EXPECT_EQ(RunAgent({"/UNINSTALL"}).status, 0);
+        EXPECT_FALSE(fs::exists(conf));
+    }
+}
+
+TEST_F(AgentE2eTest, ModulePathLongerThan2047UnitsIsCutTo2047) {
+    std::string folder = root_ / "long";
+    while (folder.size() < 2100) folder += "/" + std::string(200, 'd');
+    fs::create_directories(folder);
+    const std::string copy = folder + "/MirelleStudioFileAgent";
+    fs::copy_file(AgentPath(), copy);
+    const Finished install = RunAgent({"/INSTALL"}, 20000, copy);
+    EXPECT_EQ(install.status, 0);
+    const std::vector<std::string> record =
+        FileLines(root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf");
+    EXPECT_NE(std::find(record.begin(), record.end(), "BinaryPath=" + copy.substr(0, 2047)),
+              record.end());
+}
+
 TEST_F(AgentE2eTest, CommandsOnAServiceThatIsNotInstalledFailWith1060) {
     for (const char* command : {"/UNINSTALL", "/START", "/STOP", "/PAUSE", "/CONTINUE"}) {
         SCOPED_TRACE(command);
