@@ -78,6 +78,8 @@ const char* WindowsText(uint32_t code) {
             return "There is not enough space on the disk.";
         case Err::kCallNotImplemented:
             return "This function is not supported on this system.";
+        case Err::kInsufficientBuffer:
+            return "The data area passed to a system call is too small.";
         case Err::kInvalidName:
             return "The filename, directory name, or volume label syntax is incorrect.";
         case Err::kDirNotEmpty:

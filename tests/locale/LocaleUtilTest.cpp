@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include "locale/LocaleUtil.h"
+
+namespace {
+
+using lexkit_private::LocaleIndexFromName;
+using lexkit_private::LocaleTable;
+
+TEST(LocaleUtilTest, FindsRowIgnoringAsciiCase) {
+    const struct {
+        const char* name;
+        uint32_t row;
+    } cases[] = {
+        {"en_US", 58},  {"EN_us", 58},   {"en_us", 58},   {"", 0},        {"af_za", 1},
+        {"es_ES", 68},  {"az_AZ", 21},   {"bs_BA", 30},   {"iu_CA", 112}, {"sr_BA", 174},
+        {"sr_CS", 176}, {"uz_UZ", 194},  {"zh_CN", 201},  {"zh_TW", 205}, {"zu_ZA", 206},
+        {"ARN_CL", 19}, {"smj_SE", 168}, {"wen_de", 197},
+    };
+    for (const auto& c : cases) EXPECT_EQ(LocaleIndexFromName(c.name), c.row) << c.name;
+}
+
+TEST(LocaleUtilTest, NameInNoRowRaises) {
+    for (const char* name : {"en-US", "en", "en_US ", " en_US", "en_USA", "az_latn_az",
+                             "zh_hans_cn", "xx_xx", "en_U\xC5"}) {
+        try {
+            LocaleIndexFromName(name);
+            ADD_FAILURE() << "no error for \"" << name << "\"";
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(), "Invalid locale string in locale/LocaleUtil") << name;
+        }
+    }
+    // A zero byte is part of the name, not its end.
+    EXPECT_THROW(LocaleIndexFromName(std::string("en_us\0", 6)), std::runtime_error);
+}
+
+// Every name, in upper case, finds its own row, or the row before it for the second of a pair.
+TEST(LocaleUtilTest, EveryNameFindsItsFirstRow) {
+    const auto& table = LocaleTable();
+    int seconds = 0;
+    for (size_t i = 1; i + 1 < table.size(); ++i) {
+        std::string upper = table[i].name;
+        for (char& ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+        const bool second = std::string(table[i - 1].name) == table[i].name;
+        seconds += second;
+        EXPECT_EQ(LocaleIndexFromName(upper), second ? i - 1 : i) << table[i].name;
+    }
+    EXPECT_EQ(seconds, 7);
+}
+
+TEST(LocaleUtilTest, TableHasFixedMarksAndRows) {
+    const auto& table = LocaleTable();
+    ASSERT_EQ(table.size(), 208u);
+    const struct {
+        size_t row;
+        uint32_t id;
+        const char* abbreviation;
+        const char* name;
+        const char* fullName;
+    } rows[] = {
+        {0, 0, "", "", ""},
+        {1, 0x0436, "AFK", "af_za", "af_za"},
+        {21, 0x042C, "AZE", "az_az", "az_latn_az"},
+        {22, 0x082C, "AZC", "az_az", "az_cyrl_az"},
+        {58, 0x0409, "ENU", "en_us", "en_us"},
+        {68, 0x040A, "ESP", "es_es", "es_es"},
+        {69, 0x0C0A, "ESN", "es_es", "es_es"},
+        {201, 0x0804, "CHS", "zh_cn", "zh_hans_cn"},
+        {205, 0x0404, "CHT", "zh_tw", "zh_hant_tw"},
+        {206, 0x0435, "ZUL", "zu_za", "zu_za"},
+        {207, 0xFFFFFFFF, "", "", ""},
+    };
+    for (const auto& r : rows) {
+        EXPECT_EQ(table[r.row].localeId, r.id) << r.row;
+        EXPECT_STREQ(table[r.row].abbreviation, r.abbreviation) << r.row;
+        EXPECT_STREQ(table[r.row].name, r.name) << r.row;
+        EXPECT_STREQ(table[r.row].fullName, r.fullName) << r.row;
+    }
+    EXPECT_EQ(lexkit_private::kLocaleIndexEnUs, 58u);
+}
+
+TEST(LocaleUtilTest, FullNameDiffersExactlyInScriptRows) {
+    const std::set<size_t> expected = {21,  22,  30,  31,  99,  102, 113, 131, 174, 175, 176,
+                                       177, 184, 190, 194, 195, 201, 202, 203, 204, 205};
+    std::set<size_t> differing;
+    const auto& table = LocaleTable();
+    for (size_t i = 0; i < table.size(); ++i) {
+        if (std::string(table[i].name) != table[i].fullName) differing.insert(i);
+    }
+    EXPECT_EQ(differing, expected);
+}
+
+}  // namespace
