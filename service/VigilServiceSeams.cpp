@@ -1,6 +1,8 @@
 #include "service/VigilServiceSeams.h"
 
 #include "platform/ModulePath.h"
+#include "platform/Utf.h"
+#include "service/VigilServiceConfiguration.h"
 
 namespace Vigil {
 
@@ -13,11 +15,18 @@ std::u16string ReadModulePath() {
     return buffer;
 }
 
-// WIRING: replace with the configuration of the service (registry locale, dictionary lookups).
-// Until then the English texts.
+// WIRING: the dictionary operations are replaced by the dictionary library's LoadDictionary and
+// LookupString. Until then no file is read and every lookup gives the text behind its '='.
 void ConfigureService(std::u16string& displayName, std::u16string& description) {
-    displayName = u"Orvanta Vigil Watch V14";
-    description = u"Tracks files that are managed by Mirelle Catalog";
+    DictionaryCalls dictionary;
+    dictionary.load = [](const std::u16string&, uint32_t, bool) { return false; };
+    dictionary.lookup = [](const std::string& text) {
+        const size_t equals = text.find('=');
+        return Osb::Utf8ToUtf16(equals == std::string::npos ? text : text.substr(equals + 1));
+    };
+    ServiceTexts texts = ReadServiceTexts(dictionary);
+    displayName = std::move(texts.displayName);
+    description = std::move(texts.description);
 }
 
 // WIRING: replace with Watch::Database::open(dataFolder).

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -262,6 +263,23 @@ TEST_F(AgentE2eTest, ModulePathLongerThan2047UnitsIsCutTo2047) {
         FileLines(root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf");
     EXPECT_NE(std::find(record.begin(), record.end(), "BinaryPath=" + copy.substr(0, 2047)),
               record.end());
+}
+
+TEST_F(AgentE2eTest, ServiceThatCannotBeBuiltSaysSoAndFailsInEveryRole) {
+    const fs::path key =
+        root_ / "etc/orvanta/registry/HKEY_LOCAL_MACHINE/Software/Orvanta/Mirelle Studio/14.0";
+    fs::create_directories(key);
+    std::ofstream(key / "Locale") << "xx_NOWHERE\n";
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{}, {"/INSTALL"}, {"/STOP"}}) {
+        const Finished run = RunAgent(args);
+        EXPECT_EQ(run.status, 255);
+        EXPECT_TRUE(run.out.empty()) << run.out;
+        EXPECT_EQ(run.err,
+                  "MirelleStudioFileAgent: the service could not be set up: Invalid locale string "
+                  "in locale/LocaleUtil\n");
+    }
+    EXPECT_FALSE(fs::exists(root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf"));
 }
 
 TEST_F(AgentE2eTest, CommandsOnAServiceThatIsNotInstalledFailWith1060) {
