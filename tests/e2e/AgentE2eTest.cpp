@@ -217,6 +217,10 @@ TEST_F(AgentE2eTest, InstallStartPauseContinueStopRestartUninstall) {
     EXPECT_EQ(run.out, kUninstalled);
     EXPECT_FALSE(fs::exists(conf));
     EXPECT_TRUE(EventsWithin(6));
+    // The service processes wrote nothing but client traces: no dump, no sanitizer report.
+    for (const std::string& line : FileLines(serviceLog())) {
+        EXPECT_EQ(line.rfind("- Client ", 0), 0u) << line;
+    }
     EXPECT_EQ(events(), (std::vector<std::string>{kStarted, kPaused, kResumed, kStopped, kStarted,
                                                   kStopped}));
 }
