@@ -7,6 +7,7 @@
 #include "service/VigilClientIo.h"
 #include "service/VigilExceptions.h"
 #include "service/VigilHandlers.h"
+#include "service/VigilWatchFolderHandlers.h"
 
 namespace Vigil {
 
@@ -27,6 +28,11 @@ constexpr Entry kEntries[] = {
     {Protocol::kHello, HandleHello},
     {Protocol::kConnectionCheck, HandleConnectionCheck},
     {Protocol::kConnectionNoop, HandleConnectionNoop},
+    {Protocol::kGetFolders, HandleGetFolders},
+    {Protocol::kAddFolders, HandleAddFolders},
+    {Protocol::kRemoveFolders, HandleRemoveFolders},
+    {Protocol::kGetChanges, HandleGetChanges},
+    {Protocol::kRemoveChanges, HandleRemoveChanges},
 };
 
 DispatchTable* MakeTable(uint32_t family) {

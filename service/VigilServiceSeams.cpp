@@ -3,6 +3,7 @@
 #include "platform/ModulePath.h"
 #include "platform/Utf.h"
 #include "service/VigilServiceConfiguration.h"
+#include "service/VigilWatchFolderDatabase.h"
 
 namespace Vigil {
 
@@ -29,10 +30,10 @@ void ConfigureService(std::u16string& displayName, std::u16string& description) 
     description = std::move(texts.description);
 }
 
-// WIRING: replace with Watch::Database::open(dataFolder).
-void OpenWatchDatabase(const std::u16string& dataFolder) { (void)dataFolder; }
+void OpenWatchDatabase(const std::u16string& dataFolder) {
+    Watch::ProcessDatabase().open(dataFolder);
+}
 
-// WIRING: replace with Watch::Database::close().
-void CloseWatchDatabase() {}
+void CloseWatchDatabase() { Watch::ProcessDatabase().close(); }
 
 }  // namespace Vigil

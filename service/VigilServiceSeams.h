@@ -1,6 +1,6 @@
 // The points where the host meets the parts built beside it: the executable's path, the
-// configuration step of the constructor, and the watch database that the run opens and closes.
-// Each is one function, so that wiring one in touches one line.
+// configuration step of the constructor, and the process-wide watch database that the run opens
+// and closes. Each is one function, so that wiring one in touches one place.
 #pragma once
 
 #include <string>

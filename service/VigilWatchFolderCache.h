@@ -1,0 +1,69 @@
+// The watch folder cache: the file in the data folder that keeps each client's watched folders
+// between two runs. It is read once at start-up and rewritten in full after each change of the
+// folder table; its bytes are described in VigilWatchFolderCacheFormat.h.
+//
+// Watch::Database owns one WatchFolderCache and calls it with the database lock held; the object
+// has no lock of its own and must not be used by two threads at once. The cache keeps only the
+// three file paths; the table stays the database's.
+//
+// Use, in Database::open:      cache.setDataFolder(dataFolder);  ...start the thread...
+//                              cache.load(accept, save);
+//   where accept(guid, folder) does addFoldersLocked(guid, {folder}) and save() does save();
+// and in Database::save:       cache.save(folderTable);
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "service/VigilWatchFolderCacheFormat.h"
+#include "service/VigilWatchTypes.h"
+
+namespace Vigil::Watch {
+
+class WatchFolderCache {
+  public:
+    // Called once per accepted folder line, in file order.
+    using AcceptFolder = std::function<void(const Guid& guid, const WatchedFolder& folder)>;
+    // Rewrites the current file from the table (Database::save).
+    using SaveTable = std::function<void()>;
+
+    // Sets the current path to `dataFolder` followed by "WatchFolder.3.cache" (`dataFolder` ends
+    // with the path separator) and forgets the older paths.
+    void setDataFolder(const std::u16string& dataFolder);
+
+    // Loads the cache; does nothing before setDataFolder. Tries "WatchFolder.3.cache", then
+    // "WatchFolder.2.cache", then "WatchFolder.cache", each path built only when its turn comes;
+    // the first that opens is read.
+    // If none opens, a missing file (2) is a first run and returns with nothing done; any other
+    // code of the last attempt raises Osb::ExSystem with it.
+    //
+    // Reading stops at a wrong version line (any generation 1 file has one) or at the first
+    // malformed folder line; the lines before it stay accepted. A line whose folder does not exist
+    // is skipped silently. `accept` gets each other line. After the file is closed, `save` is
+    // called when the read ended at a bad line or version or the file was of an older generation;
+    // then the generation 2 and 1 files are removed if their paths were built (results ignored).
+    // Exceptions of `accept` and `save` pass through; a failed `save` leaves the old files in
+    // place.
+    void load(const AcceptFolder& accept, const SaveTable& save);
+
+    // Rewrites the current file with `table`. An empty table writes nothing: no file is created and
+    // an existing one stays as it was. Otherwise the file is emptied and written in place (no
+    // temporary file); a failure to open it raises Osb::ExSystem with the system's code (2 or 3 for
+    // a missing data folder or before setDataFolder), while failures of the writes themselves are
+    // not reported.
+    void save(const CachedFolderTable& table) const;
+
+    const std::u16string& currentPath() const { return currentPath_; }
+    // Empty until load reaches the generation 2 attempt.
+    const std::u16string& generation2Path() const { return generation2Path_; }
+    // Empty until load reaches the generation 1 attempt.
+    const std::u16string& generation1Path() const { return generation1Path_; }
+
+  private:
+    std::u16string dataFolder_;
+    std::u16string currentPath_;
+    std::u16string generation2Path_;
+    std::u16string generation1Path_;
+};
+
+}  // namespace Vigil::Watch

@@ -1,0 +1,176 @@
+#include "service/VigilWatchFolderDatabase.h"
+
+#include <algorithm>
+
+#include "platform/FileSystem.h"
+#include "service/VigilWatchFolderThread.h"
+
+namespace Vigil::Watch {
+
+Database::Database() = default;
+
+Database::~Database() { close(); }
+
+void Database::open(const std::u16string& dataFolder) {
+    Osb::MutexLock lock(mutex_);
+    if (opened_) return;
+    cache_.setDataFolder(dataFolder);
+    thread_ = std::make_unique<Thread>(*this);
+    thread_->begin();
+    opened_ = true;
+    // Runs with the lock held: the callbacks are this object's locked variants.
+    cache_.load(
+        [this](const Guid& guid, const WatchedFolder& folder) OSB_NO_THREAD_SAFETY_ANALYSIS {
+            addFoldersLocked(guid, {folder});
+        },
+        [this]() OSB_NO_THREAD_SAFETY_ANALYSIS { save(); });
+}
+
+void Database::close() {
+    std::unique_ptr<Thread> thread;
+    {
+        Osb::MutexLock lock(mutex_);
+        if (!thread_) return;
+        thread_->stopAll();
+        thread = std::move(thread_);
+    }
+    // Waited for without the lock: a completion may be in addChanges or removeFolders right now.
+    // It finds thread_ unhooked, so it touches only the tables.
+    thread->join();
+}
+
+void Database::addFolders(const Guid& guid, const std::vector<WatchedFolder>& folders) {
+    Osb::MutexLock lock(mutex_);
+    addFoldersLocked(guid, folders);
+    save();
+}
+
+void Database::addFoldersLocked(const Guid& guid, const std::vector<WatchedFolder>& folders) {
+    std::vector<WatchedFolder>& mine = folders_[guid];
+    for (const WatchedFolder& folder : folders) {
+        const bool known = std::any_of(mine.begin(), mine.end(), [&](const WatchedFolder& have) {
+            return have.path == folder.path;
+        });
+        if (known) continue;
+        mine.push_back(folder);
+        if (thread_) thread_->startWatch(guid, folder.path, folder.options);
+    }
+}
+
+void Database::removeFolders(const Guid& guid, const std::vector<WatchedFolder>& folders) {
+    Osb::MutexLock lock(mutex_);
+    auto record = folders_.find(guid);
+    if (record != folders_.end()) {
+        std::vector<WatchedFolder>& mine = record->second;
+        for (const WatchedFolder& folder : folders) {
+            auto same = [&](const WatchedFolder& have) { return have.path == folder.path; };
+            if (std::none_of(mine.begin(), mine.end(), same)) continue;
+            if (thread_) thread_->stopWatch(guid, folder.path);
+            mine.erase(std::remove_if(mine.begin(), mine.end(), same), mine.end());
+        }
+        if (mine.empty()) folders_.erase(record);
+    }
+    save();
+}
+
+void Database::getFolders(const Guid& guid, std::vector<WatchedFolder>& result) {
+    std::vector<WatchedFolder> missing;
+    {
+        Osb::MutexLock lock(mutex_);
+        auto record = folders_.find(guid);
+        if (record == folders_.end()) return;
+        for (const WatchedFolder& folder : record->second) {
+            (Osb::PathExists(folder.path) ? result : missing).push_back(folder);
+        }
+    }
+    if (!missing.empty()) removeFolders(guid, missing);
+}
+
+void Database::getChanges(const Guid& guid, const std::u16string& folder,
+                          std::vector<std::u16string>& names, bool clear) {
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.folder != folder) continue;
+        names = it->second.names;
+        if (clear) it->second.names.clear();
+        return;
+    }
+}
+
+void Database::addChanges(const Guid& guid, const std::u16string& folder,
+                          const std::vector<std::u16string>& names) {
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.folder != folder) continue;
+        std::vector<std::u16string>& list = it->second.names;
+        list.insert(list.end(), names.begin(), names.end());
+        return;
+    }
+    // Behind the client's other records: a multimap inserts equal keys at the end of their range.
+    pending_.insert({guid, PendingRecord{folder, names}});
+}
+
+void Database::removeChanges(const Guid& guid, const std::u16string& folder,
+                             const std::vector<std::u16string>& names) {
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.folder != folder) continue;
+        std::vector<std::u16string>& list = it->second.names;
+        if (names.size() == 1) {
+            std::erase(list, names.front());
+        } else if (!names.empty()) {
+            // One pass over the list however many names are taken off: a two-step collection
+            // sends back everything it got.
+            std::vector<const std::u16string*> gone;
+            gone.reserve(names.size());
+            for (const std::u16string& name : names) gone.push_back(&name);
+            auto less = [](const std::u16string* a, const std::u16string* b) { return *a < *b; };
+            std::sort(gone.begin(), gone.end(), less);
+            std::erase_if(list, [&](const std::u16string& name) {
+                return std::binary_search(gone.begin(), gone.end(), &name, less);
+            });
+        }
+        if (list.empty()) pending_.erase(it);
+        return;
+    }
+}
+
+void Database::save() {
+    // The cache keeps only the table's folders; the copy is what the file format wants to see.
+    cache_.save(CachedFolderTable(folders_.begin(), folders_.end()));
+}
+
+std::u16string Database::cachePathForTesting() {
+    Osb::MutexLock lock(mutex_);
+    return cache_.currentPath();
+}
+
+bool Database::startsSettledForTesting() {
+    Osb::MutexLock lock(mutex_);
+    return !thread_ || thread_->startsSettled();
+}
+
+size_t Database::activeWatchesForTesting() {
+    Osb::MutexLock lock(mutex_);
+    return thread_ ? thread_->activeCount() : 0;
+}
+
+namespace {
+
+std::unique_ptr<Database>& ProcessDatabaseHolder() {
+    // Never destroyed: the watch thread may still be running at exit when the service was not
+    // stopped in order.
+    static auto* holder = new std::unique_ptr<Database>(std::make_unique<Database>());
+    return *holder;
+}
+
+}  // namespace
+
+Database& ProcessDatabase() { return *ProcessDatabaseHolder(); }
+
+void ResetProcessDatabaseForTesting() { ProcessDatabaseHolder() = std::make_unique<Database>(); }
+
+}  // namespace Vigil::Watch

@@ -1,0 +1,104 @@
+// Watch::Database: the process-wide store of the watch engine. Per client GUID it keeps the
+// folders the client wants watched (the folder table, mirrored in the cache file) and the names
+// that changed in them since the client last collected (the pending table, in memory only).
+// Records are keyed by GUID and outlive connections.
+//
+// Threads: the service's start/stop path (open, close), the handler threads, and the watch thread
+// from its completions (addChanges, removeChanges, removeFolders). Every operation takes the
+// database lock for itself, except the *Locked ones and save, whose caller holds it.
+//
+// Lock order: a Client's mutex, then the database lock, then the thread lock of Watch::Thread.
+// No code that holds the thread lock reaches for the database lock.
+//
+// Failures are exceptions: Osb::ExSystem when the cache cannot be read or written; standard
+// exceptions for memory. The lock is released on every way out; nothing done before a failure is
+// rolled back.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Mutex.h"
+#include "service/VigilWatchFolderCache.h"
+#include "service/VigilWatchTypes.h"
+
+namespace Vigil::Watch {
+
+class Thread;
+
+struct PendingRecord {
+    std::u16string folder;             // the watched folder's path
+    std::vector<std::u16string> names;  // relative to it; repeats allowed
+};
+
+class Database {
+  public:
+    Database();
+    ~Database();  // closes when still open
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    // Starts the watch thread and loads the cache from `dataFolder` (ends with the separator).
+    // Does nothing on a second call, also after close. Raises Osb::ExSystem when no cache file can
+    // be opened for another reason than its absence; the thread runs all the same.
+    void open(const std::u16string& dataFolder);
+    // Stops the watch thread, waits for it, destroys it. Does not save.
+    //
+    // The database lock is released while waiting, so that a completion running at that moment
+    // can take it and finish. The thread object is unhooked under the lock before the wait: from
+    // then on addFolders and removeFolders change the tables and the cache as always but start and
+    // stop no watch (a folder added then is watched from the next start of the service).
+    void close();
+
+    // Adds each folder the client does not have yet (by path; options of a known path stay) and
+    // starts its watch, then saves. A client record is made even for an empty list.
+    void addFolders(const Guid& guid, const std::vector<WatchedFolder>& folders);
+    // Stops and removes each listed path the client has; drops the client's record once empty;
+    // then saves. Pending names stay.
+    void removeFolders(const Guid& guid, const std::vector<WatchedFolder>& folders);
+    // Appends the client's folders that still exist to `result`, in their order; the ones that
+    // have gone are removed (removeFolders) after the lock is released.
+    void getFolders(const Guid& guid, std::vector<WatchedFolder>& result);
+    // Replaces `names` with the folder's pending list, emptied when `clear`; leaves `names` as it
+    // was when the folder has no pending record.
+    void getChanges(const Guid& guid, const std::u16string& folder,
+                    std::vector<std::u16string>& names, bool clear);
+    // Appends `names` to the folder's pending list, making the record when missing.
+    void addChanges(const Guid& guid, const std::u16string& folder,
+                    const std::vector<std::u16string>& names);
+    // Takes every occurrence of each name off the folder's list; an empty list then goes.
+    void removeChanges(const Guid& guid, const std::u16string& folder,
+                       const std::vector<std::u16string>& names);
+
+    // Writes the cache file from the folder table. REQUIRES: the database lock.
+    void save() OSB_REQUIRES(mutex_);
+    // addFolders without lock and save. REQUIRES: the database lock.
+    void addFoldersLocked(const Guid& guid, const std::vector<WatchedFolder>& folders)
+        OSB_REQUIRES(mutex_);
+
+    // For tests: the current cache file's path, and whether every start queued so far has been
+    // tried by the watch thread (true when there is no thread).
+    std::u16string cachePathForTesting();
+    bool startsSettledForTesting();
+    size_t activeWatchesForTesting();
+
+  private:
+    // The database lock. Taken after a Client's mutex, before the thread lock.
+    Osb::Mutex mutex_;
+    std::map<Guid, std::vector<WatchedFolder>> folders_ OSB_GUARDED_BY(mutex_);
+    std::multimap<Guid, PendingRecord> pending_ OSB_GUARDED_BY(mutex_);
+    bool opened_ OSB_GUARDED_BY(mutex_) = false;
+    // Set by open, unhooked (null) by close before it waits for the thread.
+    std::unique_ptr<Thread> thread_ OSB_GUARDED_BY(mutex_);
+    WatchFolderCache cache_ OSB_GUARDED_BY(mutex_);
+};
+
+// The process-wide database that the request handlers use. It exists from first use on.
+Database& ProcessDatabase();
+// For tests: replaces the process-wide database with a fresh one that is not open, closing the old
+// one. Only while no request can be running.
+void ResetProcessDatabaseForTesting();
+
+}  // namespace Vigil::Watch

@@ -1,0 +1,26 @@
+// onChanges: the completion routine of every directory read of the watch thread. It keeps the
+// watch's read chain going and turns a finished batch into calls on the watch's Database:
+//   - an error: the folder has gone; removeFolders for it, no next read;
+//   - zero bytes: a close or an overflow; the chain ends, nothing is reported;
+//   - otherwise: the next read is issued first, then the batch is filtered (FilterChanges) and
+//     reported with one addChanges and then one removeChanges.
+// Runs on the watch thread only, inside its wait, with the thread lock released.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "platform/DirectoryChanges.h"
+#include "service/VigilWatchChangeFilter.h"
+
+namespace Vigil::Watch {
+
+void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* overlapped);
+
+// The (action, name) pairs of a filled notification buffer, in order. Only the first
+// min(bytes, capacity) bytes are looked at: a record or name reaching past them ends the walk,
+// whatever its offsets say. A name is kept whole, however long (there is no fixed name buffer).
+std::vector<NamedChange> DecodeNotifyBuffer(const uint8_t* buffer, uint32_t bytes,
+                                            uint32_t capacity);
+
+}  // namespace Vigil::Watch

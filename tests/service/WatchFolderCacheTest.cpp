@@ -1,0 +1,315 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/Exception.h"
+#include "platform/Utf.h"
+#include "service/VigilWatchFolderCache.h"
+#include "tests/support/ScratchRoot.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Vigil::Watch::CachedFolderTable;
+using Vigil::Watch::Guid;
+using Vigil::Watch::WatchedFolder;
+
+const std::u16string kGuidText = u"33221100-5544-7766-9988-BBAAFFEEDDCC";
+const std::u16string kGuidWords = u"33221100 77665544 BBAA9988 FFEEDDCC";  // the same GUID, older
+
+Guid SequenceGuid() {
+    Guid guid;
+    for (uint8_t i = 0; i < 16; ++i) guid.bytes[i] = static_cast<uint8_t>(i * 0x11);
+    return guid;
+}
+
+std::u16string W(const std::string& text) { return Osb::Utf8ToUtf16(text); }
+
+std::vector<uint8_t> Utf16Le(std::u16string_view text) {
+    std::vector<uint8_t> out;
+    for (const char16_t unit : text) {
+        out.push_back(static_cast<uint8_t>(unit & 0xFF));
+        out.push_back(static_cast<uint8_t>(unit >> 8));
+    }
+    return out;
+}
+
+class WatchFolderCacheTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        data_ = root_ / "data/";
+        fs::create_directories(data_);
+        fs::create_directories(root_ / "a");
+        fs::create_directories(root_ / "b");
+        cache_.setDataFolder(W(data_));
+    }
+
+    std::u16string folder(const std::string& name) const { return W(root_ / (name + "/")); }
+    std::u16string line3(const std::string& name, const std::u16string& numbers = u"1, 1, 0, 0") {
+        return kGuidText + u", " + numbers + u", " + folder(name) + u"\n";
+    }
+    std::u16string line2(const std::string& name, char16_t subtree) {
+        return kGuidWords + u", " + subtree + u",/" + folder(name) + u"\n";
+    }
+
+    void put(const char16_t* name, const std::vector<uint8_t>& bytes) {
+        std::ofstream out(data_ + Osb::Utf16ToUtf8(name), std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
+    }
+    std::vector<uint8_t> bytesOf(const char16_t* name) const {
+        std::ifstream in(data_ + Osb::Utf16ToUtf8(name), std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+    std::set<std::string> dataFiles() const {
+        std::set<std::string> names;
+        for (const auto& entry : fs::directory_iterator(data_))
+            names.insert(entry.path().filename());
+        return names;
+    }
+
+    // Loads as the database does: each accepted line joins the table, and a save writes it.
+    struct Loaded {
+        std::vector<WatchedFolder> folders;
+        std::vector<Guid> guids;
+        int saves = 0;
+    };
+    Loaded load() {
+        Loaded loaded;
+        CachedFolderTable table;
+        cache_.load(
+            [&](const Guid& guid, const WatchedFolder& f) {
+                loaded.guids.push_back(guid);
+                loaded.folders.push_back(f);
+                table[guid].push_back(f);
+            },
+            [&] {
+                ++loaded.saves;
+                cache_.save(table);
+            });
+        return loaded;
+    }
+
+    vigil_test::ScratchRoot root_;
+    std::string data_;
+    Vigil::Watch::WatchFolderCache cache_;
+};
+
+TEST_F(WatchFolderCacheTest, LoadOutcomesFollowGenerationVersionAndLines) {
+    const char16_t* g3 = Vigil::Watch::kCacheFileName3;
+    const char16_t* g2 = Vigil::Watch::kCacheFileName2;
+    const char16_t* g1 = Vigil::Watch::kCacheFileName1;
+    const std::u16string longLine =
+        kGuidText + u", 1, 1, 0, 0, " + std::u16string(2000, u'x') + u"\n";
+    struct Row {
+        const char* what;
+        std::vector<std::pair<const char16_t*, std::u16string>> files;
+        std::vector<std::string> loaded;  // folder names accepted, in order
+        int saves;
+        std::set<std::string> left;             // files in the data folder afterwards
+        std::optional<std::u16string> current;  // the current file's text afterwards
+    };
+    const Row rows[] = {
+        {"good current file, a missing folder skipped",
+         {{g3, u"0.5\n" + line3("a") + line3("gone") + line3("b")}},
+         {"a", "b"},
+         0,
+         {"WatchFolder.3.cache"},
+         u"0.5\n" + line3("a") + line3("gone") + line3("b")},
+        {"version line only", {{g3, u"0.5\n"}}, {}, 0, {"WatchFolder.3.cache"}, u"0.5\n"},
+        {"wrong version",
+         {{g3, u"0.4\n" + line3("a")}},
+         {},
+         1,
+         {"WatchFolder.3.cache"},
+         u"0.4\n" + line3("a")},
+        {"empty current file", {{g3, u""}}, {}, 1, {"WatchFolder.3.cache"}, u""},
+        {"malformed line ends the load",
+         {{g3, u"0.5\n" + line3("a") + u"this line is long enough but holds no GUID at all\n" +
+                   line3("b")}},
+         {"a"},
+         1,
+         {"WatchFolder.3.cache"},
+         u"0.5\n" + line3("a")},
+        {"first folder line malformed",
+         {{g3, u"0.5\nshort\n" + line3("a")}},
+         {},
+         1,
+         {"WatchFolder.3.cache"},
+         u"0.5\nshort\n" + line3("a")},
+        {"over-long line ends the load",
+         {{g3, u"0.5\n" + line3("a") + longLine + line3("b")}},
+         {"a"},
+         1,
+         {"WatchFolder.3.cache"},
+         u"0.5\n" + line3("a")},
+        {"older generation migrated, generation 1 beside it left",
+         {{g2, u"0.3\n" + line2("a", u'0') + line2("gone", u'1') + line2("b", u'1')}, {g1, u"old"}},
+         {"a", "b"},
+         1,
+         {"WatchFolder.3.cache", "WatchFolder.cache"},
+         u"0.5\n" + line3("a", u"0, 1, 0, 0") + line3("b", u"1, 1, 0, 0")},
+        {"older generation with a wrong version", {{g2, u"0.5\n" + line3("a")}}, {}, 1, {}, {}},
+        {"generation 1 only", {{g1, u"0.5\n" + line3("a")}}, {}, 1, {}, {}},
+        {"no file", {}, {}, 0, {}, {}},
+        {"current file present: older one untouched",
+         {{g3, u"0.5\n" + line3("a")}, {g2, u"0.3\n" + line2("b", u'1')}},
+         {"a"},
+         0,
+         {"WatchFolder.3.cache", "WatchFolder.2.cache"},
+         u"0.5\n" + line3("a")},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        for (const auto& entry : fs::directory_iterator(data_)) fs::remove(entry.path());
+        for (const auto& [name, text] : row.files) put(name, Utf16Le(text));
+        cache_.setDataFolder(W(data_));
+
+        const Loaded loaded = load();
+        std::vector<std::u16string> paths;
+        for (const WatchedFolder& f : loaded.folders) paths.push_back(f.path);
+        std::vector<std::u16string> want;
+        for (const std::string& name : row.loaded) want.push_back(folder(name));
+        EXPECT_EQ(paths, want);
+        for (const Guid& guid : loaded.guids) EXPECT_EQ(guid, SequenceGuid());
+        EXPECT_EQ(loaded.saves, row.saves);
+        EXPECT_EQ(dataFiles(), row.left);
+        if (row.current) {
+            EXPECT_EQ(bytesOf(g3), Utf16Le(*row.current));
+        }
+    }
+}
+
+TEST_F(WatchFolderCacheTest, SavedTableLoadsBackWithItsOptions) {
+    CachedFolderTable table;
+    Guid other;
+    other.bytes[15] = 1;
+    table[SequenceGuid()] = {{folder("a"), {1, 0, 1, 0}}, {folder("b"), {0, 1, 0, 0}}};
+    table[other] = {{folder("b"), {1, 1, 1, 0}}};
+    cache_.save(table);
+
+    const Loaded loaded = load();
+    EXPECT_EQ(loaded.saves, 0);
+    CachedFolderTable back;
+    for (size_t i = 0; i < loaded.folders.size(); ++i) {
+        back[loaded.guids[i]].push_back(loaded.folders[i]);
+    }
+    EXPECT_EQ(Vigil::Watch::encodeCacheFile(back), Vigil::Watch::encodeCacheFile(table));
+    EXPECT_EQ(loaded.folders.size(), 3u);
+}
+
+TEST_F(WatchFolderCacheTest, EmptyTableWritesNothingAndKeepsTheOldFile) {
+    cache_.save({});
+    EXPECT_TRUE(dataFiles().empty());
+    put(Vigil::Watch::kCacheFileName3, Utf16Le(u"0.5\n" + line3("a")));
+    cache_.save({});
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), Utf16Le(u"0.5\n" + line3("a")));
+    // A client without folders still makes the table non-empty: the version line alone.
+    cache_.save({{Guid{}, {}}});
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), Utf16Le(u"0.5\n"));
+}
+
+TEST_F(WatchFolderCacheTest, PathAtTheLimitComesBackAndOneBeyondEndsTheLoad) {
+    // Paths of exactly 249 and 250 units that exist: the longest a line can carry, and one more.
+    const std::string base = root_ / std::string(100, 'd');
+    const std::string fit = base + "/" + std::string(249 - base.size() - 2, 'f') + "/";
+    const std::string over = base + "/" + std::string(250 - base.size() - 2, 'o') + "/";
+    ASSERT_EQ(fit.size(), 249u);
+    ASSERT_EQ(over.size(), 250u);
+    fs::create_directories(fit);
+    fs::create_directories(over);
+    cache_.save({{SequenceGuid(),
+                  {{W(fit), {1, 1, 0, 0}}, {W(over), {1, 1, 0, 0}}, {folder("a"), {1, 1, 0, 0}}}}});
+
+    const Loaded loaded = load();
+    ASSERT_EQ(loaded.folders.size(), 1u);
+    EXPECT_EQ(loaded.folders[0].path, W(fit));
+    EXPECT_EQ(loaded.saves, 1);
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3),
+              Utf16Le(u"0.5\n" + kGuidText + u", 1, 1, 0, 0, " + W(fit) + u"\n"));
+}
+
+TEST_F(WatchFolderCacheTest, OpenFailuresOtherThanMissingRaiseWithTheirCode) {
+    // A folder where the last name is looked for cannot be read: 5, not a first run.
+    fs::create_directories(data_ + "WatchFolder.cache");
+    try {
+        load();
+        ADD_FAILURE() << "no exception";
+    } catch (const Osb::ExSystem& e) {
+        EXPECT_EQ(e.status(), 5u);
+    }
+    // A folder in place of the current file only moves the search on; nothing else is there.
+    fs::remove(data_ + "WatchFolder.cache");
+    fs::create_directories(data_ + "WatchFolder.3.cache");
+    EXPECT_EQ(load().saves, 0);
+    // The migration's save fails there, and the older file it came from is kept.
+    put(Vigil::Watch::kCacheFileName2, Utf16Le(u"0.3\n" + line2("a", u'1')));
+    EXPECT_THROW(load(), Osb::ExSystem);
+    EXPECT_TRUE(fs::exists(data_ + "WatchFolder.2.cache"));
+
+    Vigil::Watch::WatchFolderCache elsewhere;
+    elsewhere.setDataFolder(W(root_ / "nodata/"));
+    try {
+        elsewhere.save({{Guid{}, {}}});
+        ADD_FAILURE() << "no exception";
+    } catch (const Osb::ExSystem& e) {
+        EXPECT_EQ(e.status(), 3u);
+    }
+}
+
+TEST_F(WatchFolderCacheTest, GarbageAndCutFilesLoadAPrefixAndNeverMore) {
+    std::mt19937 random(11);
+    const char16_t* g3 = Vigil::Watch::kCacheFileName3;
+    for (const std::u16string& head : {std::u16string(), std::u16string(u"0.5\n")}) {
+        for (const size_t length : {1u, 7u, 84u, 600u, 5000u}) {
+            SCOPED_TRACE(length);
+            std::vector<uint8_t> bytes = Utf16Le(head);
+            for (size_t i = 0; i < length; ++i) bytes.push_back(static_cast<uint8_t>(random()));
+            put(g3, bytes);
+            const Loaded loaded = load();
+            EXPECT_TRUE(loaded.folders.empty());
+            // A lone byte behind the version line forms no unit, so no line: nothing is bad.
+            EXPECT_EQ(loaded.saves, head.empty() || length > 1 ? 1 : 0);
+        }
+    }
+
+    const std::vector<std::u16string> lines = {u"0.5\n", line3("a"), line3("b")};
+    std::vector<uint8_t> full;
+    std::vector<size_t> ends;  // byte offsets where a line ends
+    for (const std::u16string& l : lines) {
+        const std::vector<uint8_t> b = Utf16Le(l);
+        full.insert(full.end(), b.begin(), b.end());
+        ends.push_back(full.size());
+    }
+    const std::vector<std::u16string> want = {folder("a"), folder("b")};
+    for (size_t cut = 0; cut <= full.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        put(g3, std::vector<uint8_t>(full.begin(), full.begin() + static_cast<long>(cut)));
+        const Loaded loaded = load();
+        ASSERT_LE(loaded.folders.size(), want.size());
+        for (size_t i = 0; i < loaded.folders.size(); ++i) {
+            // A cut line keeps a shorter path, which may still name a folder (a parent of the
+            // one that was meant); only the last line can be cut.
+            const std::u16string& path = loaded.folders[i].path;
+            EXPECT_TRUE(want[i].starts_with(path));
+            if (path != want[i]) {
+                EXPECT_EQ(i + 1, loaded.folders.size());
+            }
+        }
+        const auto complete = std::find(ends.begin(), ends.end(), cut);
+        if (complete != ends.end()) {
+            EXPECT_EQ(loaded.folders.size(), static_cast<size_t>(complete - ends.begin()));
+            EXPECT_EQ(loaded.saves, 0);
+        }
+    }
+}
+
+}  // namespace
