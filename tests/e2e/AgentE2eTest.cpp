@@ -21,6 +21,7 @@
 #include "tests/e2e/AgentProcess.h"
 #include "tests/e2e/ServerFixture.h"
 #include "tests/support/ScratchRoot.h"
+#include "tools/client/AgentConnection.h"
 
 namespace vigil_test {
 namespace {
@@ -121,6 +122,41 @@ TEST_F(AgentE2eTest, ConsoleRunStopsCleanlyOnEachStopSignal) {
         EXPECT_EQ(events(), (std::vector<std::string>{kStarted, kStopped}));
         EXPECT_TRUE(fs::is_directory(root_ / "var/lib/Orvanta/Mirelle Studio/File Agent"));
     }
+}
+
+// The first session of a user: watch a folder, create a file, see its name; the watched folder is
+// still there after the service is stopped and run again, from the cache in the data folder.
+TEST_F(AgentE2eTest, ConsoleSessionSeesANewFileAndKeepsItsFolderAcrossRuns) {
+    const fs::path watched = root_ / "home/demo/Pictures";
+    fs::create_directories(watched);
+    const auto guid = *vigil_client::ParseGuid("F11EA6E7-0001-4000-8000-00000000C11E");
+    {
+        RunningAgent agent({"/PORT", "session"});
+        ASSERT_TRUE(agent.waitForOutput("Vigil State: RUNNING\n"));
+        vigil_client::AgentConnection client(u"session");
+        client.hello(guid, 1, 0);
+        client.addFolders(vigil_client::FolderOptions{}, {watched.string() + "/"});
+        std::ofstream(watched / "first-photo.jpg") << "x";
+        std::vector<std::string> names;
+        const auto deadline = Clock::now() + std::chrono::seconds(20);
+        while (names.empty() && Clock::now() < deadline) {
+            for (const auto& folder : client.getChanges(true)) {
+                names.insert(names.end(), folder.names.begin(), folder.names.end());
+            }
+        }
+        EXPECT_EQ(names, std::vector<std::string>{"first-photo.jpg"});
+        agent.signal(SIGINT);
+        EXPECT_EQ(agent.wait().status, 0);
+    }
+    EXPECT_TRUE(
+        fs::exists(root_ / "var/lib/Orvanta/Mirelle Studio/File Agent/WatchFolder.3.cache"));
+    RunningAgent again({"/PORT", "session"});
+    ASSERT_TRUE(again.waitForOutput("Vigil State: RUNNING\n"));
+    vigil_client::AgentConnection client(u"session");
+    client.hello(guid, 1, 0);
+    EXPECT_EQ(client.getFolders(), std::vector<std::string>{watched.string() + "/"});
+    again.signal(SIGTERM);
+    EXPECT_EQ(again.wait().status, 0);
 }
 
 TEST_F(AgentE2eTest, BadCommandLinesPrintTheUsageTextAndExitWithZero) {
