@@ -179,6 +179,9 @@ int main(int argc, char** argv) {
 
     const pid_t agent = Launch({agentPath, "/PORT", "lifecycle bench"});
     while (!Connects(pipe)) std::this_thread::yield();
+    // The watches of a loaded database are set up on the watch thread after the pipe accepts;
+    // idle starts once that has settled.
+    std::this_thread::sleep_for(std::chrono::seconds(3));
     const pid_t sleeper = Launch({"sleep", std::to_string(idleSeconds + 10)});
     const double agentCpu0 = CpuSeconds(agent), sleeperCpu0 = CpuSeconds(sleeper);
     std::this_thread::sleep_for(std::chrono::seconds(idleSeconds));

@@ -138,8 +138,6 @@ class Service {
 
     // Replaces the system calls of the run role; returns the ones in force before.
     static ServiceHostCalls setHostCallsForTesting(const ServiceHostCalls& calls);
-    // Stands in for RegisterServiceCtrlHandlerExW's handle in tests of the state machine.
-    void setStatusHandleForTesting(Osb::SERVICE_STATUS_HANDLE handle) { statusHandle_ = handle; }
 
     // Guards state and exitCode; condition is waited on with it. Taken by client delivery
     // threads in waitWhilePaused before any Client's mutex, and by the control handler; the

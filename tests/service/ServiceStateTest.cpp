@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -210,36 +209,9 @@ TEST_F(ServiceStateTest, ConsoleReportWritesTheStateLine) {
     EXPECT_TRUE(FakeManager::taken().empty());
 }
 
-TEST_F(ServiceStateTest, PausedWaiterIsReleasedByContinueOnly) {
-    Service service(u"unused");
-    enter(service, kRunning);
-    service.pause();
-    std::mutex doneLock;
-    std::condition_variable doneCondition;
-    bool done = false;
-    std::thread waiter([&] {
-        service.waitWhilePaused();
-        std::lock_guard<std::mutex> hold(doneLock);
-        done = true;
-        doneCondition.notify_all();
-    });
-    {
-        std::unique_lock<std::mutex> hold(doneLock);
-        EXPECT_FALSE(
-            doneCondition.wait_for(hold, std::chrono::milliseconds(200), [&] { return done; }));
-    }
-    Service::controlHandler(3, 0, nullptr, &service);
-    {
-        std::unique_lock<std::mutex> hold(doneLock);
-        EXPECT_TRUE(doneCondition.wait_for(hold, std::chrono::seconds(10), [&] { return done; }));
-    }
-    waiter.join();
-}
-
 // A whole run in service mode: start reports, a pause, a stop while paused, the stop reports.
 TEST_F(ServiceStateTest, RunReportsStartAndStopAndLogsEachStepInOrder) {
     Service service(vigil_test::UniquePipeName());
-    service.setStatusHandleForTesting(Osb::SERVICE_STATUS_HANDLE{});
     Osb::Config config;
     config.serving = true;
     Osb::PlatformInit(config);
