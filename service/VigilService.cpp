@@ -74,11 +74,6 @@ Service::~Service() {
     current_.compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
 }
 
-Osb::SERVICE_STATUS Service::statusForTesting() {
-    Osb::MutexLock reportLock(reportMutex_);
-    return status_;
-}
-
 std::u16string Service::dataFolder() { return DataFolderWith(DataFolderCalls::system()); }
 
 }  // namespace Vigil

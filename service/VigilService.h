@@ -130,7 +130,6 @@ class Service {
 
     uint32_t stateWord() OSB_EXCLUDES(mutex);
     uint32_t exitCode() const;
-    Osb::SERVICE_STATUS statusForTesting() OSB_EXCLUDES(reportMutex_);
     const std::u16string& pipeName() const { return pipeName_; }
     const std::u16string& modulePath() const { return modulePath_; }
     const std::u16string& displayName() const { return displayName_; }
