@@ -163,8 +163,9 @@ class Service {
     std::atomic<uint32_t> state_{0};
     const std::u16string pipeName_;
     std::u16string modulePath_;  // const once the constructor is through
-    // Set by ServiceMain before run and read by the control thread after registration.
-    Osb::SERVICE_STATUS_HANDLE statusHandle_{};
+    // Stored by ServiceMain right behind the registration, while the control thread may already
+    // answer an interrogate with a report; null until then and for the whole of console mode.
+    std::atomic<Osb::SERVICE_STATUS_HANDLE> statusHandle_{nullptr};
     std::u16string displayName_;  // const once the constructor is through
     std::u16string description_;  // const once the constructor is through
 

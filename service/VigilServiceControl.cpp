@@ -74,7 +74,7 @@ void Service::reportStatus(uint32_t waitHint) {
     const ServiceHostCalls calls = HostCalls();
     if (calls.allocConsole() == 1) {
         calls.freeConsole();
-        if (!calls.setServiceStatus(statusHandle_, status_)) {
+        if (!calls.setServiceStatus(statusHandle_.load(std::memory_order_acquire), status_)) {
             throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
         }
         return;

@@ -138,7 +138,7 @@ void Service::ServiceMain(uint32_t argc, char16_t** argv) {
     const Osb::SERVICE_STATUS_HANDLE handle =
         Osb::RegisterServiceCtrlHandlerExW(kServiceName, &Service::controlHandler, self);
     if (handle != Osb::SERVICE_STATUS_HANDLE{}) {
-        self->statusHandle_ = handle;
+        self->statusHandle_.store(handle, std::memory_order_release);
         try {
             self->run();
         } catch (const Osb::Exception& failure) {
@@ -213,7 +213,8 @@ void Service::reportFailureToManager(uint32_t code) {
     const ServiceHostCalls calls = HostCalls();
     if (calls.allocConsole() == 1) {
         calls.freeConsole();
-        calls.setServiceStatus(statusHandle_, status_);  // the failure is logged already
+        calls.setServiceStatus(statusHandle_.load(std::memory_order_acquire),
+                               status_);  // the failure is logged already
     }
 }
 
