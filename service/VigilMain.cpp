@@ -70,6 +70,9 @@ int RunMain(int argc, char** argv) {
         std::fprintf(stderr, "MirelleStudioFileAgent: the service could not be set up: %s\n",
                      failure.what());
         return -1;
+    } catch (...) {
+        std::fputs("MirelleStudioFileAgent: the service could not be set up.\n", stderr);
+        return -1;
     }
 
     int exitCode = 0;
@@ -79,6 +82,9 @@ int RunMain(int argc, char** argv) {
         exitCode = DumpException(failure, stderr, exitCode);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "MirelleStudioFileAgent: unexpected failure: %s\n", failure.what());
+        exitCode = -1;
+    } catch (...) {
+        std::fputs("MirelleStudioFileAgent: unexpected failure.\n", stderr);
         exitCode = -1;
     }
     return exitCode;

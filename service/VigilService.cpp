@@ -52,11 +52,18 @@ Service::Service(std::u16string pipeName) : pipeName_(std::move(pipeName)) {
     }
     current_.store(this, std::memory_order_release);
 
-    std::u16string path = ReadModulePath();
-    if (path.empty()) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
-    if (path.size() > kModulePathBuffer - 1) path.resize(kModulePathBuffer - 1);
-    ConfigureService(displayName_, description_);
-    modulePath_ = std::move(path);
+    try {
+        std::u16string path = ReadModulePath();
+        if (path.empty()) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
+        if (path.size() > kModulePathBuffer - 1) path.resize(kModulePathBuffer - 1);
+        ConfigureService(displayName_, description_);
+        modulePath_ = std::move(path);
+    } catch (...) {
+        // No destructor runs for a constructor that raises: withdraw the pointer here.
+        Service* self = this;
+        current_.compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
+        throw;
+    }
 
     Osb::MutexLock reportLock(reportMutex_);
     status_.dwServiceType = Osb::SERVICE_WIN32_OWN_PROCESS;

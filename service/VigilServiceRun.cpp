@@ -100,8 +100,14 @@ int Service::execute() {
             run();
             std::fputs("Vigil Shutdown ...\n", stdout);
             std::fflush(stdout);
-        } catch (const Osb::Exception& failure) {
-            LogFailure(failure);
+        } catch (...) {
+            try {
+                throw;
+            } catch (const Osb::Exception& failure) {
+                LogFailure(failure);
+            } catch (...) {
+                // Not of the program's family: main reports it; nothing to log here.
+            }
             // The platform comes down before main sees the exception, so that the process never
             // ends with the platform's delivery threads still running.
             Osb::PlatformUninit();
