@@ -266,6 +266,10 @@ TEST_F(AgentE2eTest, InstallRecordsTheModifiersOfItsCommandLine) {
         {{"/PORT", "other", "/INSTALL"}, {"BinaryPath=" + AgentPath()}},
     };
     const std::string conf = root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf";
+    const std::string eventSource =
+        root_ /
+        "etc/orvanta/registry/HKEY_LOCAL_MACHINE/SYSTEM/CurrentControlSet/Services/EventLog/"
+        "Application/Orvanta Vigil Watch 14.0/EventMessageFile";
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args.size());
         const Finished install = RunAgent(c.args);
@@ -276,8 +280,10 @@ TEST_F(AgentE2eTest, InstallRecordsTheModifiersOfItsCommandLine) {
             EXPECT_NE(std::find(record.begin(), record.end(), line), record.end()) << line;
         }
         for (const std::string& line : record) EXPECT_EQ(line.find("pw"), std::string::npos);
+        EXPECT_EQ(FileLines(eventSource), std::vector<std::string>{AgentPath()});
         EXPECT_EQ(RunAgent({"/UNINSTALL"}).status, 0);
         EXPECT_FALSE(fs::exists(conf));
+        EXPECT_FALSE(fs::exists(eventSource));
     }
 }
 
