@@ -216,11 +216,16 @@ TEST_F(AgentE2eTest, InstallStartPauseContinueStopRestartUninstall) {
     };
     while (connects() < 2 && Clock::now() < deadline) std::this_thread::yield();
     EXPECT_EQ(connects(), 2u);
+    newcomer.send(Request(kHello, 0, 7, HelloBody(1, 0, kGuid)));
+    EXPECT_TRUE(newcomer.silentFor(100));
 
     run = RunAgent({"/CONTINUE"});
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, kControlled);
     EXPECT_EQ(waiting->receive().header.requestId, 41u);
+    const Reply welcome = newcomer.receive();
+    EXPECT_EQ(welcome.header.code, kHelloReply);
+    EXPECT_EQ(welcome.header.requestId, 7u);
 
     run = RunAgent({"/STOP"});
     EXPECT_EQ(run.status, 0);
