@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -139,12 +140,20 @@ TEST_F(AgentE2eTest, ConsoleSessionSeesANewFileAndKeepsItsFolderAcrossRuns) {
         std::ofstream(watched / "first-photo.jpg") << "x";
         std::vector<std::string> names;
         const auto deadline = Clock::now() + std::chrono::seconds(20);
+        // The reply to AddFolders comes before the watch thread has set up the watch, so a file
+        // made at once may pass unseen: its attributes are changed until the name comes.
+        auto mode = fs::perms::owner_exec;
         while (names.empty() && Clock::now() < deadline) {
+            fs::permissions(watched / "first-photo.jpg", mode,
+                            fs::perm_options::replace | fs::perm_options::nofollow);
+            mode = mode == fs::perms::owner_exec ? fs::perms::owner_all : fs::perms::owner_exec;
             for (const auto& folder : client.getChanges(true)) {
                 names.insert(names.end(), folder.names.begin(), folder.names.end());
             }
         }
-        EXPECT_EQ(names, std::vector<std::string>{"first-photo.jpg"});
+        // A name may be pending more than once; it is the one name there is.
+        EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
+                  std::set<std::string>{"first-photo.jpg"});
         agent.signal(SIGINT);
         EXPECT_EQ(agent.wait().status, 0);
     }
