@@ -1,5 +1,6 @@
 #include "service/VigilServiceConfiguration.h"
 
+#include "dictionary/LookupString.h"
 #include "locale/LocaleUtil.h"
 #include "platform/Registry.h"
 #include "util/ModuleFolder.h"
@@ -46,6 +47,12 @@ ServiceTexts ReadServiceTexts(const DictionaryCalls& dictionary) {
     texts.displayName = dictionary.lookup(kDisplayNameKey) + kDisplayNameSuffix;
     texts.description = dictionary.lookup(kDescriptionKey);
     return texts;
+}
+
+ServiceTexts ReadServiceTexts() {
+    return ReadServiceTexts({&lexkit_private::LoadDictionary, [](const std::string& text) {
+                                 return lexkit_private::LookupString(text);
+                             }});
 }
 
 }  // namespace Vigil

@@ -33,4 +33,8 @@ struct DictionaryCalls {
 // The step with the given dictionary operations; tests pass fakes.
 ServiceTexts ReadServiceTexts(const DictionaryCalls& dictionary);
 
+// The step with the program's dictionary (lexkit_private::LoadDictionary and LookupString), which
+// keeps what it loads for the rest of the process. This is what the constructor calls.
+ServiceTexts ReadServiceTexts();
+
 }  // namespace Vigil

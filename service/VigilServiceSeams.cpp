@@ -1,7 +1,6 @@
 #include "service/VigilServiceSeams.h"
 
 #include "platform/ModulePath.h"
-#include "platform/Utf.h"
 #include "service/VigilServiceConfiguration.h"
 #include "service/VigilWatchFolderDatabase.h"
 
@@ -16,16 +15,8 @@ std::u16string ReadModulePath() {
     return buffer;
 }
 
-// WIRING: the dictionary operations are replaced by the dictionary library's LoadDictionary and
-// LookupString. Until then no file is read and every lookup gives the text behind its '='.
 void ConfigureService(std::u16string& displayName, std::u16string& description) {
-    DictionaryCalls dictionary;
-    dictionary.load = [](const std::u16string&, uint32_t, bool) { return false; };
-    dictionary.lookup = [](const std::string& text) {
-        const size_t equals = text.find('=');
-        return Osb::Utf8ToUtf16(equals == std::string::npos ? text : text.substr(equals + 1));
-    };
-    ServiceTexts texts = ReadServiceTexts(dictionary);
+    ServiceTexts texts = ReadServiceTexts();
     displayName = std::move(texts.displayName);
     description = std::move(texts.description);
 }

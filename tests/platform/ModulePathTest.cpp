@@ -15,39 +15,25 @@ std::u16string ExpectedPath() {
     return Osb::Utf8ToUtf16(std::filesystem::read_symlink("/proc/self/exe").string());
 }
 
-TEST(ModulePathTest, FullPathIsTheRunningExecutable) {
-    const std::u16string path = Osb::ModuleFileName();
-    EXPECT_EQ(path, ExpectedPath());
-    EXPECT_EQ(path.front(), u'/');
-}
-
-TEST(ModulePathTest, FolderIsThePathUpToItsLastSlash) {
-    const std::u16string path = ExpectedPath();
-    const std::u16string folder = Osb::ModuleFolder();
-    EXPECT_EQ(folder, path.substr(0, path.rfind(u'/')));
-    EXPECT_TRUE(std::filesystem::is_directory(Osb::Utf16ToUtf8(folder)));
-}
-
-TEST(ModulePathTest, BufferLargeEnoughGetsPathAndLength) {
+TEST(ModulePathTest, PathAndFolderAreTheRunningExecutables) {
     const std::u16string expected = ExpectedPath();
-    std::vector<char16_t> buffer(expected.size() + 1, u'x');
-    Osb::SetLastError(Osb::Err::kAccessDenied);
-    const uint32_t length =
-        Osb::GetModuleFileNameW(buffer.data(), static_cast<uint32_t>(buffer.size()));
-    EXPECT_EQ(length, expected.size());
-    EXPECT_EQ(std::u16string(buffer.data()), expected);
-    EXPECT_EQ(Osb::ErrorCode(), Osb::Err::kSuccess);
+    EXPECT_EQ(Osb::ModuleFileName(), expected);
+    EXPECT_EQ(Osb::ModuleFolder(), expected.substr(0, expected.rfind(u'/')));
 }
 
-// Windows cuts the path to the room less one, terminates it, and returns the room with 122.
-TEST(ModulePathTest, ShortBufferGetsCutTerminatedPath) {
+// A buffer with room for the path and its NUL gets both and the length. A smaller one gets the
+// path cut to the room less one and terminated, and the call returns the room with 122.
+TEST(ModulePathTest, BufferGetsPathOrCutTerminatedPath) {
     const std::u16string expected = ExpectedPath();
-    for (const uint32_t room : {1u, 4u, static_cast<uint32_t>(expected.size())}) {
+    const uint32_t size = static_cast<uint32_t>(expected.size());
+    for (const uint32_t room : {1u, 4u, size, size + 1, size + 10}) {
         std::vector<char16_t> buffer(room + 1, u'x');
+        Osb::SetLastError(Osb::Err::kAccessDenied);
         const uint32_t result = Osb::GetModuleFileNameW(buffer.data(), room);
-        EXPECT_EQ(result, room);
-        EXPECT_EQ(Osb::ErrorCode(), Osb::Err::kInsufficientBuffer);
-        EXPECT_EQ(std::u16string(buffer.data()), expected.substr(0, room - 1)) << room;
+        const bool fits = room > size;
+        EXPECT_EQ(result, fits ? size : room) << room;
+        EXPECT_EQ(Osb::ErrorCode(), fits ? Osb::Err::kSuccess : Osb::Err::kInsufficientBuffer);
+        EXPECT_EQ(std::u16string(buffer.data()), expected.substr(0, fits ? size : room - 1));
         EXPECT_EQ(buffer[room], u'x') << "wrote past the buffer with room " << room;
     }
 }

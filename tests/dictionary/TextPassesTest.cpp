@@ -1,0 +1,154 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+#include <string>
+
+#include "dictionary/ExpandEntities.h"
+#include "dictionary/Unescape.h"
+
+namespace {
+
+using lexkit_private::ExpandEntities;
+using lexkit_private::Unescape;
+
+std::string Hex(const std::u16string& units) {
+    std::string out;
+    char buffer[8];
+    for (char16_t u : units) {
+        std::snprintf(buffer, sizeof buffer, "%04X ", static_cast<unsigned>(u));
+        out += buffer;
+    }
+    return out;
+}
+
+std::u16string Unescaped(const std::u16string& text) {
+    return Unescape(text.data(), static_cast<uint32_t>(text.size())).Text();
+}
+std::u16string Expanded(const std::u16string& text) {
+    return ExpandEntities(text.data(), static_cast<uint32_t>(text.size())).Text();
+}
+
+struct Case {
+    std::u16string in;
+    std::u16string out;
+};
+
+TEST(TextPassesTest, UnescapeResolvesBothTablesAndKeepsWhatIsNoEscape) {
+    const Case cases[] = {
+        {u"a^", u"a^"},
+        {u"a\\", u"a\\"},
+        {u"^e", u"^e"},
+        {u"\\\"", u"\""},
+        {u"^Q", u"\""},
+        {u"^^", u"^"},
+        {u"\\\\", u"\\"},
+        {u"^^^", u"^^"},
+        {u"\\x", u"\\x"},
+        {u"^\\n", u"^\\n"},  // the backslash closes the caret escape, so n is a letter
+        {u"\\^T", u"\\^T"},
+        {u"a\\tb", u"a\tb"},
+        {u"\\n\\r\\t\\b", u"\n\r\t\b"},
+        {u"50^T", u"50\u2122"},
+        {u"^[^]^{^}^C^R^T^D", u"\u201C\u201D\u2018\u2019\u00A9\u00AE\u2122\u00B0"},
+        {u"^B^#^!^I^S^n^r", u"\u2022\u2318\u00AC\u2206\u2211\n\r"},
+        {u"^q\\Q", u"^q\\Q"},          // tables are case-sensitive
+        {u"^#{tab}", u"\u2318{tab}"},  // escapes act before entities
+        {u"\\#{tab}", u"\\\t"},
+        {u"", u""},
+    };
+    for (const Case& c : cases) EXPECT_EQ(Hex(Unescaped(c.in)), Hex(c.out)) << Hex(c.in);
+}
+
+TEST(TextPassesTest, ExpandEntitiesTakesRowsBeforeNumbersAndNeedsTheClosingBrace) {
+    const Case cases[] = {
+        {u"#{endl}", u"\r\n"},
+        {u"#{cr}#{lf}", u"\r\n"},
+        {u"a#{tab}b", u"a\tb"},
+        {u"#{U+20AC}", u"\u20AC"},
+        {u"#{u20AC}", u"\u20AC"},
+        {u"#{20AC}", u"\u20AC"},
+        {u"#{20ac}", u"\u20AC"},
+        {u"#{euro}", u"\u20AC"},
+        {u"#{u}", u"#{u}"},  // the prefix u fits, no digit, the empty prefix is not tried
+        {u"#{U+}", u"#{U+}"},
+        {u"#{1F600}", u"#{1F600}"},
+        {u"#{ucirc}", u"\u00FB"},
+        {u"#{uc}", u"\u000C"},
+        {u"#{COPY}", u"#{COPY}"},
+        {u"#{Cafe}", u"\uCAFE"},
+        {u"#{notx}", u"#{notx}"},  // the row not fits and is the only try
+        {u"#{nbsp", u"#{nbsp"},
+        {u"#{41", u"#{41"},
+        {u"##{tab}", u"#\t"},
+        {u"#{}", u"#{}"},
+        {u"#{}x", u"#{}x"},
+        {u"#{", u"#{"},
+        {u"#", u"#"},
+        {u"#{a}", u"\u000A"},
+        {u"#{A}#{amp}#{lt}#{gt}", u"\u000A&<>"},
+        {u"x#{euro}y#{euro}z", u"x\u20ACy\u20ACz"},
+        {u"#{#{tab}}", u"#{\t}"},
+        {u"#{endlx}", u"#{endlx}"},
+        {std::u16string(u"a#{0}b"), std::u16string(u"a\0b", 3)},
+    };
+    for (const Case& c : cases) EXPECT_EQ(Hex(Expanded(c.in)), Hex(c.out)) << Hex(c.in);
+}
+
+TEST(TextPassesTest, EveryEntityNameHasItsUnit) {
+    const char16_t* const latin1[96] = {
+        u"nbsp",   u"iexcl",  u"cent",   u"pound",  u"curren", u"yen",    u"brvbar", u"sect",
+        u"uml",    u"copy",   u"ordf",   u"laquo",  u"not",    u"shy",    u"reg",    u"macr",
+        u"deg",    u"plusmn", u"sup2",   u"sup3",   u"acute",  u"micro",  u"para",   u"middot",
+        u"cedil",  u"sup1",   u"ordm",   u"raquo",  u"frac14", u"frac12", u"frac34", u"iquest",
+        u"Agrave", u"Aacute", u"Acirc",  u"Atilde", u"Auml",   u"Aring",  u"AElig",  u"Ccedil",
+        u"Egrave", u"Eacute", u"Ecirc",  u"Euml",   u"Igrave", u"Iacute", u"Icirc",  u"Iuml",
+        u"ETH",    u"Ntilde", u"Ograve", u"Oacute", u"Ocirc",  u"Otilde", u"Ouml",   u"times",
+        u"Oslash", u"Ugrave", u"Uacute", u"Ucirc",  u"Uuml",   u"Yacute", u"THORN",  u"szlig",
+        u"agrave", u"aacute", u"acirc",  u"atilde", u"auml",   u"aring",  u"aelig",  u"ccedil",
+        u"egrave", u"eacute", u"ecirc",  u"euml",   u"igrave", u"iacute", u"icirc",  u"iuml",
+        u"eth",    u"ntilde", u"ograve", u"oacute", u"ocirc",  u"otilde", u"ouml",   u"divide",
+        u"oslash", u"ugrave", u"uacute", u"ucirc",  u"uuml",   u"yacute", u"thorn",  u"yuml",
+    };
+    for (int i = 0; i < 96; ++i) {
+        EXPECT_EQ(Hex(Expanded(u"#{" + std::u16string(latin1[i]) + u"}")),
+                  Hex(std::u16string(1, static_cast<char16_t>(0xA0 + i))))
+            << i;
+    }
+    const struct {
+        const char16_t* name;
+        char16_t unit;
+    } others[] = {
+        {u"tab", 0x0009},    {u"cr", 0x000D},     {u"lf", 0x000A},     {u"quot", 0x0022},
+        {u"amp", 0x0026},    {u"lt", 0x003C},     {u"gt", 0x003E},     {u"OElig", 0x0152},
+        {u"oelig", 0x0153},  {u"Scaron", 0x0160}, {u"scaron", 0x0161}, {u"Yuml", 0x0178},
+        {u"circ", 0x02C6},   {u"tilde", 0x02DC},  {u"ensp", 0x2002},   {u"emsp", 0x2003},
+        {u"thinsp", 0x2009}, {u"zwnj", 0x200C},   {u"zwj", 0x200D},    {u"lrm", 0x200E},
+        {u"rlm", 0x200F},    {u"ndash", 0x2013},  {u"mdash", 0x2014},  {u"lsquo", 0x2018},
+        {u"rsquo", 0x2019},  {u"sbquo", 0x201A},  {u"ldquo", 0x201C},  {u"rdquo", 0x201D},
+        {u"bdquo", 0x201E},  {u"dagger", 0x2020}, {u"Dagger", 0x2021}, {u"permil", 0x2030},
+        {u"lsaquo", 0x2039}, {u"rsaquo", 0x203A}, {u"euro", 0x20AC},
+    };
+    for (const auto& row : others) {
+        EXPECT_EQ(Hex(Expanded(u"#{" + std::u16string(row.name) + u"}")),
+                  Hex(std::u16string(1, row.unit)))
+            << Hex(row.name);
+    }
+}
+
+// Random text from the units that matter to the passes: never longer than the input, and, run
+// under the address sanitizer, never a read behind it (the input is an exact-size heap copy).
+TEST(TextPassesTest, RandomTextNeverGrowsOrOverreads) {
+    const std::u16string alphabet = u"#{}^\\uU+0aFgnt\"QTlcdr";
+    std::mt19937 random(7);
+    for (int round = 0; round < 3000; ++round) {
+        const size_t size = random() % 24;
+        auto text = std::make_unique<char16_t[]>(size);
+        for (size_t i = 0; i < size; ++i) text[i] = alphabet[random() % alphabet.size()];
+        const auto length = static_cast<uint32_t>(size);
+        EXPECT_LE(Unescape(text.get(), length).UnitLength(), length);
+        EXPECT_LE(ExpandEntities(text.get(), length).UnitLength(), length);
+    }
+}
+
+}  // namespace
