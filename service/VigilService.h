@@ -79,6 +79,9 @@ class Service {
     int run();
 
     // The dispatcher's entry: registers the control handler and runs the service. Service thread.
+    // When the run fails, the failure is logged and the manager is told SERVICE_STOPPED with the
+    // failure's system code as dwWin32ExitCode (1064 for a failure that carries none), so that a
+    // start that dies is not mistaken for a clean stop.
     static void ServiceMain(uint32_t argc, char16_t** argv);
 
     // --- State and control (VigilServiceControl.cpp) ----------------------------------------
