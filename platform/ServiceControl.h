@@ -151,9 +151,10 @@ bool CloseServiceHandle(SC_HANDLE handle);
 // Starts the service and returns once its process has registered its control handler, so that
 // its endpoint answers. The arguments are not passed on (they must be none: 87 otherwise). A start
 // while the previous process of the service is still ending first waits for it to end. Fails with
-// 1056 when the service runs, 1072 when it is marked for deletion, 1058 when it is disabled, 2 or
-// 5 when the binary cannot be run, 1067 when the process ends before it registers its handler, and
-// 1053 when it has not registered it within 30 seconds (the process is then left to itself).
+// 1056 when the service runs, 1072 when it is marked for deletion, 1058 when it is disabled, 2 (3
+// when its folder is missing too) or 5 when the binary cannot be run, 1067 when the process ends
+// before it registers its handler, and 1053 when it has not registered it within 30 seconds (the
+// process is then left to itself).
 bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t** argv);
 
 // Sends `control` to the service's handler, waits for the handler's answer and fills `status`
@@ -162,11 +163,14 @@ bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t** argv);
 // continue or parameter change when the service's accepted controls lack its bit, 87 for
 // SERVICE_CONTROL_SHUTDOWN (the system's alone), with the handler's own result when it is not 0
 // (`status` is filled all the same), and 1053 when the handler has not answered within 30
-// seconds. Interrogate and every other code reach the handler, which decides.
+// seconds, 5 when the caller may not use the service's endpoint. Interrogate and every other
+// code reach the handler, which decides.
 bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status);
 
 // Fills `status` with the status the service last reported, without reaching its handler. A
-// service that does not run is SERVICE_STOPPED with every other field 0 but dwServiceType.
+// service that does not run is SERVICE_STOPPED with every other field 0 but dwServiceType. Fails
+// with 5 when the caller may not use the service's endpoint, 1053 when it does not answer within
+// 30 seconds.
 bool QueryServiceStatus(SC_HANDLE service, SERVICE_STATUS* status);
 
 // --- The service's side: the process the manager started. ---

@@ -7,6 +7,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <set>
 
@@ -28,8 +29,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long a start waits for the handler's registration, and a control for the handler's answer.
-constexpr int kAnswerMs = 30000;
+// How long a start waits for the handler's registration, and a control for the handler's answer:
+// 30 seconds, shortened only by tests. Atomic: a test may set it while other threads call.
+std::atomic<int> answerMs{30000};
 // How often a waiting start looks again.
 constexpr int kPollMs = 10;
 
@@ -38,7 +40,7 @@ constexpr int kPollMs = 10;
 constexpr uint32_t kManagerReadAccess = 0x0001 | 0x0004 | 0x0010 | 0x20000;
 
 // The handles that are open, so that a closed or made-up handle is refused with 6 instead of
-// being followed.
+// being followed. `handlesMutex` is a leaf lock: nothing else is taken or called under it.
 Mutex handlesMutex;
 std::set<SC_HANDLE> liveHandles OSB_GUARDED_BY(handlesMutex);
 
@@ -86,7 +88,7 @@ std::string DependencyList(const char16_t* list) {
 
 bool Query(const std::string& name, SERVICE_STATUS& status) {
     Scm::EndpointReply reply = {};
-    const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, kAnswerMs);
+    const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, answerMs.load());
     if (code == Err::kServiceNotActive) {
         status = Scm::StoppedStatus();
         return true;
@@ -99,7 +101,7 @@ bool Query(const std::string& name, SERVICE_STATUS& status) {
 // True when the endpoint of `name` answers with a state other than stopped.
 bool Answers(const std::string& name) {
     Scm::EndpointReply reply = {};
-    return Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, kAnswerMs) == Err::kSuccess &&
+    return Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, answerMs.load()) == Err::kSuccess &&
            reply.status.dwCurrentState != SERVICE_STOPPED;
 }
 
@@ -134,10 +136,10 @@ private:
 // Waits until the launched process has registered its handler (0), has ended (1067) or the time
 // is up (1053). The pidfd is closed here.
 uint32_t AwaitRegistration(const std::string& name, int pidfd) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(answerMs.load());
     for (;;) {
         Scm::EndpointReply reply = {};
-        if (Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, kAnswerMs) == Err::kSuccess) break;
+        if (Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, answerMs.load()) == Err::kSuccess) break;
         bool ended = pidfd == Scm::kProcessEnded;
         if (pidfd >= 0) {
             pollfd entry = {pidfd, POLLIN, 0};
@@ -160,6 +162,8 @@ uint32_t AwaitRegistration(const std::string& name, int pidfd) {
 }
 
 }  // namespace
+
+void Scm::SetAnswerTimeoutForTesting(int ms) { answerMs = ms; }
 
 SC_HANDLE OpenSCManagerW(const char16_t* machine, const char16_t* database, uint32_t access) {
     if (!Empty(machine) || !Empty(database)) return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
@@ -286,7 +290,7 @@ bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t**) {
     if (startLock.error() != Err::kSuccess) return false;
     // A previous process that still holds its lock is either running (1056) or on its way out,
     // which the start waits for, so that the new process can take the lock and the endpoint.
-    const auto deadline = Clock::now() + std::chrono::milliseconds(kAnswerMs);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(answerMs.load());
     while (Scm::InstanceAlive(name)) {
         if (Answers(name)) return Fail(Err::kServiceAlreadyRunning, false);
         if (Clock::now() >= deadline) return Fail(Err::kServiceRequestTimeout, false);
@@ -304,7 +308,7 @@ bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status)
     // Shutdown comes from the system only, never from a caller.
     if (control == SERVICE_CONTROL_SHUTDOWN) return Fail(Err::kInvalidParameter, false);
     Scm::EndpointReply reply = {};
-    const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpControl, control}, reply, kAnswerMs);
+    const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpControl, control}, reply, answerMs.load());
     if (code != Err::kSuccess) return false;
     *status = reply.status;
     if (reply.result != Err::kSuccess) return Fail(reply.result, false);

@@ -252,8 +252,12 @@ uint32_t CallEndpoint(const std::string& name, const EndpointRequest& request,
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return SetLastErrorFromErrno(errno);
     uint32_t code = Err::kServiceNotActive;
-    // No socket (ENOENT), or one that nobody listens on any more (ECONNREFUSED): not running.
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+    const bool connected =
+        ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    // No socket (ENOENT), or one that nobody listens on any more (ECONNREFUSED), is a service
+    // that does not run; a socket the caller may not use is a service it may not control.
+    if (!connected && (errno == EACCES || errno == EPERM)) code = Err::kAccessDenied;
+    if (connected &&
         ::send(fd, &request, sizeof(request), MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof(request))) {
         using Clock = std::chrono::steady_clock;
         const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);

@@ -84,9 +84,13 @@ struct EndpointReply {
 
 // One request to the endpoint of `name`. Returns 0 with `reply` filled; 1062 when nobody serves
 // the endpoint (no socket, a socket left by a dead process, or one closed before it answered);
-// 1053 when no answer came within `timeoutMs`; 206 when the path is too long for a socket.
+// 1053 when no answer came within `timeoutMs`; 5 when the caller may not connect to the socket;
+// 206 when the path is too long for a socket.
 uint32_t CallEndpoint(const std::string& name, const EndpointRequest& request,
                       EndpointReply& reply, int timeoutMs);
+
+// Shortens the 30 seconds that a start waits for registration and a control for its answer.
+void SetAnswerTimeoutForTesting(int ms);
 
 // The status of a service that does not run.
 SERVICE_STATUS StoppedStatus();

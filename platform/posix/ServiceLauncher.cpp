@@ -109,7 +109,7 @@ uint32_t LaunchService(const std::string& name, const std::string& binaryPath, i
     // The service is not our child, so waitpid cannot watch it; a pidfd can.
     const long fd = ::syscall(SYS_pidfd_open, service, 0);
     pidfd = fd >= 0 ? static_cast<int>(fd) : errno == ESRCH ? kProcessEnded : -1;
-    if (pidfd >= 0) ::fcntl(pidfd, F_SETFD, FD_CLOEXEC);
+
     return Err::kSuccess;
 }
 

@@ -5,10 +5,12 @@
 //   early-exit   exits with 7 before it registers
 //   hold-start   stays start-pending until ROOT/release exists
 //   hold-exit    after reporting stopped, ends only once ROOT/release exists
+//   hold-register  registers its handler only once ROOT/release exists
 // Without VIGIL_SERVICE (not started by the manager) it writes "console CODE" and exits with 3.
 // Each event is one line on standard output, which the manager appends to the service's log:
 // "register PID", "control N", "overlap" (two handler calls at once), "exit PID".
-// Control 200 makes the handler return 1234.
+// Control 200 makes the handler return 1234; control 201 holds the handler until ROOT/release
+// exists.
 #include <unistd.h>
 
 #include <atomic>
@@ -80,6 +82,9 @@ uint32_t Handler(uint32_t control, uint32_t, void*, void*) {
             case 200:
                 result = 1234;
                 break;
+            case 201:
+                AwaitRelease();
+                break;
             default:
                 result = Osb::Err::kCallNotImplemented;
         }
@@ -89,6 +94,7 @@ uint32_t Handler(uint32_t control, uint32_t, void*, void*) {
 }
 
 void ServiceMain(uint32_t, char16_t**) {
+    if (mode == "hold-register") AwaitRelease();
     handle = Osb::RegisterServiceCtrlHandlerExW(u"fake", &Handler, nullptr);
     if (handle == nullptr) {
         Say("register failed " + std::to_string(Osb::ErrorCode()));

@@ -7,6 +7,7 @@
 #include <functional>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "platform/Console.h"
 #include "platform/ErrorCode.h"
@@ -196,17 +197,32 @@ TEST_F(ServiceControlTest, DisabledServiceDoesNotStartAndMissingBinaryGivesTheEx
     CloseServiceHandle(missing);
 }
 
+// The codes that an unprivileged caller gets: for opening the manager to create, for opening it
+// to connect, and for creating a service with a manager opened to connect. Run in a child that
+// gives up root, so that the test means something when it runs as root too.
 TEST_F(ServiceControlTest, CallerWhoMayNotWriteTheServicesFolderGetsAccessDenied) {
-    if (geteuid() == 0) GTEST_SKIP() << "root may write any folder, so nothing can be refused";
-    ASSERT_EQ(chmod((root_ / "etc/orvanta/services").c_str(), 0555), 0);
-    EXPECT_EQ(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE), nullptr);
-    EXPECT_EQ(ErrorCode(), Err::kAccessDenied);
-    EXPECT_EQ(create(u"Denied"), nullptr);
-    EXPECT_EQ(ErrorCode(), Err::kAccessDenied);
-    SC_HANDLE reader = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    EXPECT_NE(reader, nullptr) << "connecting needs no write access";
-    CloseServiceHandle(reader);
-    chmod((root_ / "etc/orvanta/services").c_str(), 0755);
+    ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);  // reachable, but not writable, by others
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
+        if (geteuid() == 0) _exit(101);
+        if (OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE) != nullptr) _exit(102);
+        if (ErrorCode() != Err::kAccessDenied) _exit(103);
+        SC_HANDLE reader = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+        if (reader == nullptr) _exit(104);  // connecting needs no write access
+        SC_HANDLE created = CreateServiceW(reader, u"Denied", nullptr, 0,
+                                           SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, 0,
+                                           u"/b", nullptr, nullptr, nullptr, nullptr, nullptr);
+        if (created != nullptr) _exit(105);
+        _exit(ErrorCode() == Err::kAccessDenied ? 0 : 106);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 100) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
+    EXPECT_NE(access((root_ / "etc/orvanta/services/Denied.conf").c_str(), F_OK), 0);
 }
 
 TEST(ConsoleTest, ConsoleModeUnlessStartedAsAService) {

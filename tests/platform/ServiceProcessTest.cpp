@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -49,13 +52,25 @@ protected:
     }
     void TearDown() override {
         // Nothing may outlive the scratch root: stop whatever still runs and wait for its end.
+        Scm::SetAnswerTimeoutForTesting(30000);
         release();
         for (const std::string& name : started_) {
             SC_HANDLE service = OpenServiceW(manager_, Utf8ToUtf16(name).c_str(), 0);
-            SERVICE_STATUS status = {};
-            if (service != nullptr) ControlService(service, SERVICE_CONTROL_STOP, &status);
-            EXPECT_TRUE(PollUntil([&] { return !Scm::InstanceAlive(name); })) << name;
+            // A start-pending service refuses the stop (1061), so it is sent until it is taken.
+            bool stopSent = service == nullptr;
+            EXPECT_TRUE(PollUntil([&] {
+                SERVICE_STATUS status = {};
+                if (!stopSent) stopSent = ControlService(service, SERVICE_CONTROL_STOP, &status) ||
+                                          ErrorCode() != Err::kServiceCannotAcceptCtrl;
+                return !Scm::InstanceAlive(name);
+            })) << name;
             if (service != nullptr) CloseServiceHandle(service);
+        }
+        // A sanitizer in the service process reports into its log, which nobody else reads.
+        for (const std::string& name : started_) {
+            const std::string text = log(name);
+            EXPECT_EQ(text.find("Sanitizer"), std::string::npos) << text;
+            EXPECT_EQ(text.find("runtime error"), std::string::npos) << text;
         }
         CloseServiceHandle(service_);
         CloseServiceHandle(manager_);
@@ -107,7 +122,8 @@ protected:
 
 TEST_F(ServiceProcessTest, StartedServiceAnswersControlsWithItsReportedStatus) {
     ASSERT_TRUE(start()) << ErrorCode();
-    EXPECT_NE(log().find("register "), std::string::npos) << "start returned before registration";
+    // The start returned once the endpoint answers, so the very first query reaches the process.
+    EXPECT_NE(state(), SERVICE_STOPPED) << "start returned before registration";
     ASSERT_TRUE(awaitState(SERVICE_RUNNING));
 
     struct Row {
@@ -181,6 +197,24 @@ TEST_F(ServiceProcessTest, ProcessThatEndsBeforeRegisteringFailsTheStart) {
     EXPECT_EQ(state(), SERVICE_STOPPED);
 }
 
+TEST_F(ServiceProcessTest, SilentServiceTimesOutStartsAndControlsWith1053) {
+    Scm::SetAnswerTimeoutForTesting(300);
+    setenv("FAKE_SERVICE_MODE", "hold-register", 1);
+    EXPECT_FALSE(start());
+    EXPECT_EQ(ErrorCode(), Err::kServiceRequestTimeout);
+    release();
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING)) << "the late service still registers";
+    std::remove((root_ / "release").c_str());
+
+    SERVICE_STATUS status = {};
+    EXPECT_FALSE(ControlService(service_, 201, &status));
+    EXPECT_EQ(ErrorCode(), Err::kServiceRequestTimeout);
+    Scm::SetAnswerTimeoutForTesting(30000);
+    release();
+    // The held handler ends and the service answers again.
+    EXPECT_TRUE(ControlService(service_, SERVICE_CONTROL_INTERROGATE, &status)) << ErrorCode();
+}
+
 TEST_F(ServiceProcessTest, StartWaitsForThePreviousProcessToEnd) {
     setenv("FAKE_SERVICE_MODE", "hold-exit", 1);
     ASSERT_TRUE(start()) << ErrorCode();
@@ -201,6 +235,8 @@ TEST_F(ServiceProcessTest, StartWaitsForThePreviousProcessToEnd) {
     release();
     starter.join();
     EXPECT_TRUE(restarted) << code;
+    // The new process logs its registration just after the start has seen it.
+    ASSERT_TRUE(PollUntil([&] { return registeredPid(1) != 0; })) << log();
     const std::string text = log();
     const size_t exit = text.find("exit ");
     const size_t second = text.find("register ", text.find("register ") + 1);
@@ -225,6 +261,7 @@ TEST_F(ServiceProcessTest, StaleEndpointOfADeadProcessCountsAsStoppedAndIsReplac
 
     ASSERT_TRUE(start()) << ErrorCode();
     EXPECT_TRUE(awaitState(SERVICE_RUNNING));
+    ASSERT_TRUE(PollUntil([&] { return registeredPid(1) != 0; })) << log();
     EXPECT_NE(registeredPid(1), pid);
 }
 
@@ -244,6 +281,30 @@ TEST_F(ServiceProcessTest, DeletingARunningServiceMarksItUntilItsProcessEnds) {
     EXPECT_EQ(OpenServiceW(manager_, u"Fake", 0), nullptr);
     EXPECT_EQ(ErrorCode(), Err::kServiceDoesNotExist);
     EXPECT_NE(access(Scm::RecordPath("Fake").c_str(), F_OK), 0);
+}
+
+TEST_F(ServiceProcessTest, CallerWhoMayNotUseTheEndpointGetsAccessDenied) {
+    ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);
+    ASSERT_TRUE(start()) << ErrorCode();
+    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
+        if (geteuid() == 0) _exit(101);
+        SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+        SC_HANDLE service = OpenServiceW(manager, u"Fake", SERVICE_QUERY_STATUS);
+        if (service == nullptr) _exit(102);
+        SERVICE_STATUS status = {};
+        if (ControlService(service, SERVICE_CONTROL_INTERROGATE, &status)) _exit(103);
+        _exit(ErrorCode() == Err::kAccessDenied ? 0 : 104);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 100) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
+    EXPECT_EQ(log().find("control "), std::string::npos) << "the control reached the handler";
 }
 
 TEST_F(ServiceProcessTest, ConcurrentControlsEachGetOneAnswerAndNeverOverlap) {
@@ -298,6 +359,7 @@ TEST_F(ServiceProcessTest, ConcurrentStartsLaunchOneProcess) {
     EXPECT_EQ(succeeded.load(), 1);
     EXPECT_EQ(alreadyRunning.load(), kThreads - 1);
     EXPECT_EQ(registeredPid(1), 0) << log();
+    EXPECT_EQ(log().find("console"), std::string::npos) << "a second process was launched";
 }
 
 TEST(ConsoleStopHandlerTest, StopSignalsReachTheHandlerOffTheSignalContext) {
