@@ -19,11 +19,9 @@ void Database::open(const std::u16string& dataFolder) {
     thread_->begin();
     opened_ = true;
     // Runs with the lock held: the callbacks are this object's locked variants.
-    cache_.load(
-        [this](const Guid& guid, const WatchedFolder& folder) OSB_NO_THREAD_SAFETY_ANALYSIS {
-            addFoldersLocked(guid, {folder});
-        },
-        [this]() OSB_NO_THREAD_SAFETY_ANALYSIS { save(); });
+    cache_.load([this](const Guid& guid, const WatchedFolder& folder)
+                    OSB_NO_THREAD_SAFETY_ANALYSIS { addFoldersLocked(guid, {folder}); },
+                [this]() OSB_NO_THREAD_SAFETY_ANALYSIS { save(); });
 }
 
 void Database::close() {
@@ -92,8 +90,14 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
-        names = it->second.names;
-        if (clear) it->second.names.clear();
+        if (clear) {
+            // Moved out rather than copied and cleared: the same result without a second copy of
+            // what may be a long list.
+            names = std::move(it->second.names);
+            it->second.names.clear();
+        } else {
+            names = it->second.names;
+        }
         return;
     }
 }
@@ -156,6 +160,11 @@ bool Database::startsSettledForTesting() {
 size_t Database::activeWatchesForTesting() {
     Osb::MutexLock lock(mutex_);
     return thread_ ? thread_->activeCount() : 0;
+}
+
+void Database::runLockedForTesting(const std::function<void()>& work) {
+    Osb::MutexLock lock(mutex_);
+    work();
 }
 
 namespace {

@@ -15,6 +15,7 @@
 // rolled back.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -29,7 +30,7 @@ namespace Vigil::Watch {
 class Thread;
 
 struct PendingRecord {
-    std::u16string folder;             // the watched folder's path
+    std::u16string folder;              // the watched folder's path
     std::vector<std::u16string> names;  // relative to it; repeats allowed
 };
 
@@ -83,6 +84,8 @@ class Database {
     std::u16string cachePathForTesting();
     bool startsSettledForTesting();
     size_t activeWatchesForTesting();
+    // For benchmarks: runs `work` with the database lock held, so completions wait behind it.
+    void runLockedForTesting(const std::function<void()>& work);
 
   private:
     // The database lock. Taken after a Client's mutex, before the thread lock.

@@ -145,8 +145,7 @@ void HandleAddFolders(const ClientSoftRef& client, uint32_t requestId, const Req
     SendStatusReply(client, requestId, kAddFoldersReply);
 }
 
-void HandleRemoveFolders(const ClientSoftRef& client, uint32_t requestId,
-                         const RequestBody& body) {
+void HandleRemoveFolders(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
     if (body.length < kRemoveFoldersMinBody) throw ExInvalidLength(OSB_HERE);
     std::vector<Watch::WatchedFolder> folders;
     ParseFolderList(body, folders);
@@ -159,8 +158,7 @@ void HandleGetChanges(const ClientSoftRef& client, uint32_t requestId, const Req
     SendChanges(client, requestId, Field(body, 0) != 0);
 }
 
-void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId,
-                         const RequestBody& body) {
+void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
     if (body.length < kRemoveChangesMinBody) throw ExInvalidLength(OSB_HERE);
     // Decoded whole before the first removal, so a refused request takes nothing off.
     std::vector<FolderChanges> entries;
@@ -228,7 +226,8 @@ void SendChanges(const ClientSoftRef& client, uint32_t requestId, bool clear) {
         pending.push_back({folder.path, std::move(names)});
     }
 
-    const uint64_t tables = uint64_t{kFolderRefBytes} * pending.size() + kStringRefBytes * nameCount;
+    const uint64_t tables =
+        uint64_t{kFolderRefBytes} * pending.size() + kStringRefBytes * nameCount;
     const uint32_t size = MessageSize(16 + tables + stringBytes);
     auto notify = Osb::MakeSmart<ClientWrite>(client);
     auto request = Osb::IoRequest::Create(notify, size, 1);

@@ -33,8 +33,7 @@ void HandleRemoveFolders(const ClientSoftRef& client, uint32_t requestId, const 
 // Everything pending for the client in one reply; the first field non-zero clears what it sends.
 void HandleGetChanges(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
 // Takes the listed names off the pending lists; the body has the shape of a GetChanges reply.
-void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId,
-                         const RequestBody& body);
+void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
 
 // Folder list decoders, appending to `folders`. The short layout: watchSubtree, ArrayHeader at 4;
 // reportChanged 1, reportRemoved 0. With options: three option fields, reserved, ArrayHeader at 16.

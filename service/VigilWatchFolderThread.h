@@ -70,8 +70,8 @@ class Thread : public Osb::Thread {
 
     // From a completion on the watch thread: issues `next` (a copy of a finished record) as the
     // watch's next read, if that watch is still active. The thread lock is held across the issue,
-    // so a concurrent stopWatch cannot close the handle under it. Returns false, with `next` left to
-    // the caller, when the watch has been stopped or the read cannot be issued.
+    // so a concurrent stopWatch cannot close the handle under it. Returns false, with `next` left
+    // to the caller, when the watch has been stopped or the read cannot be issued.
     bool issueNextRead(ReadRecord* next);
     // From a completion on the watch thread: the record is done with.
     void releaseRecord(ReadRecord* record);

@@ -22,12 +22,11 @@ void Guarded(const ReadRecord& record, const char* what, Call call) {
     try {
         call();
     } catch (const Osb::Exception& error) {
-        std::fprintf(stderr, "watch of %s: %s failed: %s\n",
-                     Osb::Utf16ToUtf8(record.path).c_str(), what,
-                     Osb::Utf16ToUtf8(error.what()).c_str());
+        std::fprintf(stderr, "watch of %s: %s failed: %s\n", Osb::Utf16ToUtf8(record.path).c_str(),
+                     what, Osb::Utf16ToUtf8(error.what()).c_str());
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "watch of %s: %s failed: %s\n",
-                     Osb::Utf16ToUtf8(record.path).c_str(), what, error.what());
+        std::fprintf(stderr, "watch of %s: %s failed: %s\n", Osb::Utf16ToUtf8(record.path).c_str(),
+                     what, error.what());
     } catch (...) {
         std::fprintf(stderr, "watch of %s: %s failed\n", Osb::Utf16ToUtf8(record.path).c_str(),
                      what);
@@ -94,11 +93,10 @@ void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* ove
     try {
         const FolderOptions options{record->watchSubtree, record->reportChanged,
                                     record->reportRemoved, 0};
-        batch = FilterChanges(record->path, options,
-                              DecodeNotifyBuffer(record->buffer, bytes, ReadRecord::kBufferBytes),
-                              [](const std::u16string& path) {
-                                  return Osb::GetFileAttributes(path);
-                              });
+        batch =
+            FilterChanges(record->path, options,
+                          DecodeNotifyBuffer(record->buffer, bytes, ReadRecord::kBufferBytes),
+                          [](const std::u16string& path) { return Osb::GetFileAttributes(path); });
     } catch (const std::exception& error) {
         std::fprintf(stderr, "watch of %s: batch lost: %s\n",
                      Osb::Utf16ToUtf8(record->path).c_str(), error.what());

@@ -2,11 +2,14 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 
 #include "platform/Platform.h"
+#include "platform/Utf.h"
 #include "service/VigilClientAccept.h"
 #include "service/VigilClientTable.h"
 #include "service/VigilDispatch.h"
+#include "service/VigilWatchFolderDatabase.h"
 
 namespace vigil_test {
 
@@ -54,6 +57,11 @@ void ServerFixture::SetUp() {
     config.serving = true;
     Osb::PlatformInit(config);
     Vigil::InitDispatch();
+    // The watch database on a data folder of this test's own, opened as the service opens it.
+    dataFolder_ = root_->path() + "/data/";
+    std::filesystem::create_directories(dataFolder_);
+    Vigil::Watch::ResetProcessDatabaseForTesting();
+    Vigil::Watch::ProcessDatabase().open(Osb::Utf8ToUtf16(dataFolder_));
     server_ = Osb::IoDevicePipeServer::Create(pipeName_, Osb::MakeSmart<Vigil::ClientAccept>());
     running_ = true;
 }
@@ -61,6 +69,7 @@ void ServerFixture::SetUp() {
 void ServerFixture::stopServer() {
     if (!running_) return;
     running_ = false;
+    Vigil::Watch::ProcessDatabase().close();
     Vigil::TermDispatch();
     server_.reset();
     Osb::PlatformUninit();
@@ -69,6 +78,7 @@ void ServerFixture::stopServer() {
 void ServerFixture::TearDown() {
     stopServer();
     Vigil::ResetClientTableForTesting();
+    Vigil::Watch::ResetProcessDatabaseForTesting();
     root_.reset();
 }
 

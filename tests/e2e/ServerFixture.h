@@ -1,5 +1,6 @@
-// A pipe server of the service in this process: the platform, the dispatch tables and one
-// ClientAccept on a pipe of its own below a scratch system root. Connections talk raw bytes.
+// A pipe server of the service in this process: the platform, the dispatch tables, the watch
+// database opened on a data folder below a scratch system root, and one ClientAccept on a pipe of
+// its own there. Connections talk raw bytes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -41,6 +42,7 @@ class ServerFixture : public ::testing::Test {
     void stopServer();
 
     std::optional<ScratchRoot> root_;
+    std::string dataFolder_;  // the watch database's, ends with '/'; the cache file is in it
     std::u16string pipeName_;
     Osb::SmartPointer<Osb::IoDevicePipeServer> server_;
     bool running_ = false;

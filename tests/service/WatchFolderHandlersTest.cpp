@@ -1,0 +1,220 @@
+// The watch handlers' refusals: bodies whose numbers point outside the message or the path
+// buffer, strings without terminators, empty and overlong paths. Each gets its Error and leaves
+// the database as it was, the good entries before the bad one included.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+
+#include "platform/Utf.h"
+#include "service/VigilClientTable.h"
+#include "service/VigilDispatch.h"
+#include "service/VigilExceptions.h"
+#include "service/VigilWatchFolderDatabase.h"
+#include "tests/service/ClientHarness.h"
+#include "tests/support/ScratchRoot.h"
+
+namespace {
+
+using namespace vigil_test;
+using namespace Vigil::Protocol;
+namespace Id = Vigil::MessageId;
+using Vigil::Watch::ProcessDatabase;
+
+constexpr uint32_t kSystemError = 0;  // stands for Osb::ExSystem in the tables below
+
+Bytes Units(const std::u16string& text, bool terminated = true) {
+    Bytes bytes(2 * text.size() + (terminated ? 2 : 0), 0);
+    std::memcpy(bytes.data(), text.data(), 2 * text.size());
+    return bytes;
+}
+
+void Patch(Bytes& body, uint32_t offset, uint32_t value) { Store32(body.data() + offset, value); }
+
+// A folder list: the option fields (four with options, watchSubtree alone in the short layout),
+// the ArrayHeader at `header`, StringRefs at header + 12 + 12 i, the strings behind them.
+Bytes FolderListBody(uint32_t header, const std::vector<Bytes>& strings) {
+    Bytes body = header == 16 ? Le32({0, 1, 0, 0}) : Le32({0});
+    const uint32_t count = static_cast<uint32_t>(strings.size());
+    Bytes array = Le32({count, 12, header + 12});
+    body.insert(body.end(), array.begin(), array.end());
+    uint32_t at = header + 12 + 12 * count;
+    for (const Bytes& s : strings) {
+        Bytes ref = Le32({at, static_cast<uint32_t>(s.size()), 5});
+        body.insert(body.end(), ref.begin(), ref.end());
+        at += static_cast<uint32_t>(s.size());
+    }
+    for (const Bytes& s : strings) body.insert(body.end(), s.begin(), s.end());
+    return body;
+}
+
+// RemoveChanges of one folder with one name: ArrayHeader at 4, FolderRef at 16, the name's
+// StringRef at 40, the folder string at 52, the name behind it.
+Bytes RemoveBody(const Bytes& folder, const Bytes& name) {
+    const uint32_t nameAt = 52 + static_cast<uint32_t>(folder.size());
+    Bytes body = Le32({0, 1, 24, 16, 52, static_cast<uint32_t>(folder.size()), 5, 1, 12, 40, nameAt,
+                       static_cast<uint32_t>(name.size()), 5});
+    body.insert(body.end(), folder.begin(), folder.end());
+    body.insert(body.end(), name.begin(), name.end());
+    return body;
+}
+
+class WatchFolderHandlersTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("LC_ALL", "en_US.UTF-8", 1);
+        Vigil::ResetClientTableForTesting();
+        Vigil::InitDispatch();
+        std::filesystem::create_directories(root_ / "data");
+        std::filesystem::create_directories(root_ / "w");
+        Vigil::Watch::ResetProcessDatabaseForTesting();
+        ProcessDatabase().open(Osb::Utf8ToUtf16(root_ / "data/"));
+        client_.feed(Request(kHello, 0, 1, HelloBody(1, 0, guid_)));
+        client_.take();
+    }
+    void TearDown() override {
+        Vigil::Watch::ResetProcessDatabaseForTesting();
+        Vigil::TermDispatch();
+    }
+    // Sends one request; returns the Error's text, or nullopt for any other reply.
+    std::optional<std::u16string> refusal(uint32_t code, const Bytes& body) {
+        client_.feed(Request(code, client_.id(), 9, body));
+        auto replies = client_.take();
+        EXPECT_EQ(replies.size(), 1u);
+        if (replies.empty() || replies[0].header.code != kError) return std::nullopt;
+        auto texts = replies[0].errorTexts();
+        return texts.empty() ? std::u16string() : texts[0];
+    }
+    void expectRefused(uint32_t code, const Bytes& body, uint32_t expected) {
+        auto text = refusal(code, body);
+        ASSERT_TRUE(text.has_value()) << "accepted";
+        if (expected == kSystemError) {
+            EXPECT_NE(*text, EnglishText(Id::kInvalidLength));
+            EXPECT_NE(*text, EnglishText(Id::kInvalidDataValues));
+        } else {
+            EXPECT_EQ(*text, EnglishText(expected));
+        }
+    }
+    std::vector<Vigil::Watch::WatchedFolder> folders() {
+        std::vector<Vigil::Watch::WatchedFolder> result;
+        ProcessDatabase().getFolders(guid_, result);
+        return result;
+    }
+
+    ScratchRoot root_;
+    Vigil::Watch::Guid guid_{{9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 1, 2, 3, 4, 5, 6}};
+    DrivenClient client_;
+};
+
+struct ListFault {
+    const char* name;
+    // (offset from the ArrayHeader, value) on the valid body
+    std::vector<std::pair<uint32_t, uint32_t>> patches;
+    uint32_t expected;
+    std::u16string secondPath;  // replaces the second (good) path when not empty
+};
+
+// The second entry is the one that goes wrong; its StringRef's offset is at +24 from the
+// ArrayHeader, its byteLength at +28.
+const ListFault kListFaults[] = {
+    {"TableOffsetPastTheBody", {{8, 4000}}, Id::kInvalidLength, {}},
+    {"TableOffsetWraps", {{8, 0xFFFFFFF8}}, Id::kInvalidLength, {}},
+    {"StringOffsetPastTheBody", {{24, 5000}}, Id::kInvalidLength, {}},
+    {"StringOffsetWraps", {{24, 0xFFFFFFFE}}, Id::kInvalidLength, {}},
+    {"ByteLengthPastTheBody", {{28, 520}}, Id::kInvalidLength, {}},
+    {"ByteLengthBeyondThePathBuffer", {{28, 522}}, Id::kInvalidDataValues, {}},
+    {"ByteLengthHuge", {{28, 0xFFFFFFFF}}, Id::kInvalidDataValues, {}},
+    {"NoTerminatorWithinByteLength", {}, Id::kInvalidDataValues, u"UNTERMINATED"},
+    {"EmptyPath", {}, Id::kInvalidDataValues, u"EMPTY"},
+    {"NoRoomForTheSeparator", {}, Id::kInvalidDataValues, std::u16string(259, u'a')},
+    {"RoomForTheSeparatorButMissing", {}, kSystemError, u"/" + std::u16string(257, u'a')},
+    {"FolderMissing", {}, kSystemError, u"MISSING"},
+};
+
+class ListFaultTest : public WatchFolderHandlersTest,
+                      public ::testing::WithParamInterface<ListFault> {};
+
+TEST_P(ListFaultTest, RefusedAndNothingAdded) {
+    const ListFault& fault = GetParam();
+    const std::u16string good = Osb::Utf8ToUtf16(root_ / "w");
+    Bytes second = Units(good);
+    if (fault.secondPath == u"UNTERMINATED")
+        second = Units(good, false);
+    else if (fault.secondPath == u"EMPTY")
+        second = Units(u"");
+    else if (fault.secondPath == u"MISSING")
+        second = Units(good + u"/nope");
+    else if (!fault.secondPath.empty())
+        second = Units(fault.secondPath);
+    auto body = [&](uint32_t header) {
+        Bytes bytes = FolderListBody(header, {Units(good), second});
+        for (auto [offset, value] : fault.patches) Patch(bytes, header + offset, value);
+        return bytes;
+    };
+
+    expectRefused(kAddFolders, body(16), fault.expected);
+    EXPECT_TRUE(folders().empty());
+    // The short layout of a removal shares the decoding and is refused alike.
+    ProcessDatabase().addFolders(guid_, {{good + u"/", {}}});
+    expectRefused(kRemoveFolders, body(4), fault.expected);
+    EXPECT_EQ(folders().size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, ListFaultTest, ::testing::ValuesIn(kListFaults),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+TEST_F(WatchFolderHandlersTest, ShortBodiesAreRefusedBeforeAnythingIsRead) {
+    const struct {
+        uint32_t code;
+        uint32_t bodyLength;
+    } cases[] = {{kGetFolders, 3},     {kAddFolders, 15}, {kRemoveFolders, 15}, {kGetChanges, 3},
+                 {kRemoveChanges, 15}, {kAddFolders, 20}, {kAddFolders, 27}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.code);
+        expectRefused(c.code, Bytes(c.bodyLength, 0), Id::kInvalidLength);
+    }
+    EXPECT_TRUE(folders().empty());
+}
+
+TEST_F(WatchFolderHandlersTest, RemoveChangesRefusalsTakeNothingOff) {
+    const std::u16string folder = u"/some/folder/";
+    struct Case {
+        const char* name;
+        std::vector<std::pair<uint32_t, uint32_t>> patches;
+        bool nameUnterminated;
+        uint32_t expected;
+    };
+    const Case cases[] = {
+        {"FolderCountPastTheTable", {{4, 2}}, false, Id::kInvalidLength},
+        {"FolderTableWraps", {{12, 0xFFFFFFF0}}, false, Id::kInvalidLength},
+        {"FolderOffsetPastTheBody", {{16, 4000}}, false, Id::kInvalidLength},
+        {"NameCountPastItsTable", {{28, 0x40000000}}, false, Id::kInvalidLength},
+        {"NameTablePastTheBody", {{36, 4000}}, false, Id::kInvalidLength},
+        {"NameOffsetOnTheLastByte", {{40, 0}}, false, Id::kInvalidLength},
+        {"NameWithoutTerminator", {}, true, Id::kInvalidDataValues},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ProcessDatabase().addChanges(guid_, folder, {u"n"});
+        Bytes body = RemoveBody(Units(folder), Units(u"n", !c.nameUnterminated));
+        for (auto [offset, value] : c.patches) {
+            Patch(body, offset, value ? value : static_cast<uint32_t>(body.size() - 1));
+        }
+        expectRefused(kRemoveChanges, body, c.expected);
+        std::vector<std::u16string> names;
+        ProcessDatabase().getChanges(guid_, folder, names, true);
+        EXPECT_EQ(names, std::vector<std::u16string>{u"n"});
+    }
+    // And the good body takes the name off.
+    ProcessDatabase().addChanges(guid_, folder, {u"n", u"m", u"n"});
+    client_.feed(Request(kRemoveChanges, client_.id(), 3, RemoveBody(Units(folder), Units(u"n"))));
+    auto replies = client_.take();
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].header.code, kRemoveChangesReply);
+    std::vector<std::u16string> names;
+    ProcessDatabase().getChanges(guid_, folder, names, false);
+    EXPECT_EQ(names, std::vector<std::u16string>{u"m"});
+}
+
+}  // namespace
