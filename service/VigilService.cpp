@@ -1,11 +1,49 @@
 #include "service/VigilService.h"
 
-#include "platform/SysLog.h"
-#include "service/VigilExceptions.h"
+#include "platform/Console.h"
+#include "platform/ErrorCode.h"
+#include "platform/Exception.h"
+#include "service/VigilDataFolder.h"
+#include "service/VigilServiceSeams.h"
 
 namespace Vigil {
 
+const std::u16string kServiceName = u"OrvantaVigilWatch14.0";
+const std::u16string kEventSource = u"Orvanta Vigil Watch 14.0";
+
+namespace {
+
+// The module path is read into a buffer of this many units, of which one is kept for the end.
+constexpr size_t kModulePathBuffer = 2048;
+
+Osb::Mutex hostCallsMutex;
+ServiceHostCalls hostCalls OSB_GUARDED_BY(hostCallsMutex) = ServiceHostCalls::system();
+
+}  // namespace
+
 std::atomic<Service*> Service::current_{nullptr};
+
+ServiceHostCalls ServiceHostCalls::system() {
+    return {
+        [] { return Osb::AllocConsole(); },
+        [] { return Osb::FreeConsole(); },
+        [](Osb::SERVICE_STATUS_HANDLE handle, const Osb::SERVICE_STATUS& status) {
+            return Osb::SetServiceStatus(handle, status);
+        },
+    };
+}
+
+ServiceHostCalls HostCalls() {
+    Osb::MutexLock lock(hostCallsMutex);
+    return hostCalls;
+}
+
+ServiceHostCalls Service::setHostCallsForTesting(const ServiceHostCalls& calls) {
+    Osb::MutexLock lock(hostCallsMutex);
+    const ServiceHostCalls previous = hostCalls;
+    hostCalls = calls;
+    return previous;
+}
 
 Service::Service(std::u16string pipeName) : pipeName_(std::move(pipeName)) {
     {
@@ -13,6 +51,29 @@ Service::Service(std::u16string pipeName) : pipeName_(std::move(pipeName)) {
         setState(ServiceState::kStopped, 0);
     }
     current_.store(this, std::memory_order_release);
+
+    try {
+        std::u16string path = ReadModulePath();
+        if (path.empty()) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
+        if (path.size() > kModulePathBuffer - 1) path.resize(kModulePathBuffer - 1);
+        ConfigureService(displayName_, description_);
+        modulePath_ = std::move(path);
+    } catch (...) {
+        // No destructor runs for a constructor that raises: withdraw the pointer here.
+        Service* self = this;
+        current_.compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
+        throw;
+    }
+
+    Osb::MutexLock reportLock(reportMutex_);
+    status_.dwServiceType = Osb::SERVICE_WIN32_OWN_PROCESS;
+    status_.dwCurrentState = Osb::SERVICE_STOPPED;
+    status_.dwControlsAccepted = Osb::SERVICE_ACCEPT_STOP | Osb::SERVICE_ACCEPT_PAUSE_CONTINUE |
+                                 Osb::SERVICE_ACCEPT_SHUTDOWN;
+    status_.dwWin32ExitCode = 0;
+    status_.dwServiceSpecificExitCode = 0;
+    status_.dwCheckPoint = 0;
+    status_.dwWaitHint = 0;
 }
 
 Service::~Service() {
@@ -20,36 +81,6 @@ Service::~Service() {
     current_.compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
 }
 
-void Service::setState(ServiceState state, uint32_t exitCode) {
-    state_ = StateBit(state);
-    exitCode_ = exitCode;
-}
-
-uint32_t Service::stateWord() {
-    Osb::MutexLock lock(mutex);
-    return state_;
-}
-
-void Service::pause() {
-    Osb::MutexLock lock(mutex);
-    if (state_ & StateBit(ServiceState::kPaused)) return;
-    setState(ServiceState::kPaused, 0);
-    Osb::SysLogEvent(MessageId::kPaused);
-}
-
-void Service::resume() {
-    Osb::MutexLock lock(mutex);
-    if (state_ & StateBit(ServiceState::kRunning)) return;
-    const bool stopping = (state_ & StateBit(ServiceState::kStopPending)) != 0;
-    if (!stopping) setState(ServiceState::kContinuePending, 0);
-    condition.broadcast();
-    if (!stopping) setState(ServiceState::kRunning, 0);
-    Osb::SysLogEvent(MessageId::kResumed);
-}
-
-void Service::waitWhilePaused() {
-    Osb::MutexLock lock(mutex);
-    while (state_ & StateBit(ServiceState::kPaused)) condition.wait_(mutex, -1);
-}
+std::u16string Service::dataFolder() { return DataFolderWith(DataFolderCalls::system()); }
 
 }  // namespace Vigil

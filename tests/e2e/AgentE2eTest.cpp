@@ -1,0 +1,363 @@
+// The built executable end to end, under a scratch system root: the console run, the usage text,
+// and the setup and control commands against the service manager, with their messages, exit
+// codes, dumps and events.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/Exception.h"
+#include "platform/PipeClient.h"
+#include "service/VigilCommandLine.h"
+#include "tests/e2e/AgentProcess.h"
+#include "tests/e2e/ServerFixture.h"
+#include "tests/support/ScratchRoot.h"
+#include "tools/client/AgentConnection.h"
+
+namespace vigil_test {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using namespace Vigil::Protocol;
+
+const Vigil::Watch::Guid kGuid{{9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 1, 2, 3, 4, 5, 6}};
+const std::u16string kDefaultPipe = u"\\\\.\\pipe\\Orvanta Vigil Watch 14.0";
+const std::string kStarted = "0x20000A0A Orvanta Vigil Watch Service has Started.";
+const std::string kPaused = "0x20000A0B Orvanta Vigil Watch Service has Paused.";
+const std::string kResumed = "0x20000A0C Orvanta Vigil Watch Service has Resumed.";
+const std::string kStopped = "0x20000A0D Orvanta Vigil Watch Service has Stopped.";
+const std::string kInstalled = "Service sucessfully installed.\n";
+const std::string kUninstalled = "Service sucessfully uninstalled.\n";
+const std::string kControlled = "Service successfully executed control command.\n";
+
+class AgentE2eTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        unsetenv("VIGIL_SERVICE");
+        setenv("LC_ALL", "C", 1);
+        events_ = root_ / "events.log";
+        setenv("VIGIL_EVENT_LOG", events_.c_str(), 1);
+    }
+    void TearDown() override {
+        // A service left running by a failed test must not outlive it.
+        RunAgent({"/UNINSTALL"});
+        unsetenv("VIGIL_EVENT_LOG");
+    }
+
+    std::vector<std::string> events() const { return FileLines(events_); }
+    std::string serviceLog() const { return root_ / "var/log/orvanta/OrvantaVigilWatch14.0.log"; }
+
+    static std::unique_ptr<Connection> ConnectWithin(const std::u16string& pipe, int ms = 20000) {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(ms);
+        for (;;) {
+            try {
+                return std::make_unique<Connection>(pipe);
+            } catch (const Osb::Exception&) {
+                if (Clock::now() >= deadline) return nullptr;
+                std::this_thread::yield();
+            }
+        }
+    }
+    bool EventsWithin(size_t count, int ms = 20000) const {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(ms);
+        while (events().size() < count) {
+            if (Clock::now() >= deadline) return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+    static void ExpectDump(const Finished& run, uint32_t code) {
+        EXPECT_EQ(run.status, static_cast<int>(code & 0xFF));
+        EXPECT_TRUE(run.out.empty()) << run.out;
+        EXPECT_EQ(run.err.rfind("Dump Exception Stack -- Unexpected Error. Depth of 1\n"
+                                "    Operating System Error = " +
+                                    std::to_string(code) + "\n    What: ",
+                                0),
+                  0u)
+            << run.err;
+    }
+
+    ScratchRoot root_;
+    std::string events_;
+};
+
+TEST_F(AgentE2eTest, ConsoleRunStopsCleanlyOnEachStopSignal) {
+    for (int signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        fs::remove(events_);
+        RunningAgent agent({"/PORT", "console pipe"});
+        ASSERT_TRUE(agent.waitForOutput("Vigil State: RUNNING\n"));
+        auto client = ConnectWithin(u"console pipe");
+        ASSERT_NE(client, nullptr);
+        EXPECT_NE(client->hello(kGuid), 0u);
+        agent.signal(signal);
+        const Finished end = agent.wait();
+        EXPECT_EQ(end.status, 0);
+        EXPECT_EQ(end.err, "");
+        // The client traces come from the pipe's threads and fall between the service's lines.
+        std::string own;
+        bool connectTraced = false;
+        std::istringstream lines(end.out);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("- Client ", 0) == 0) {
+                connectTraced = connectTraced || line.rfind("- Client Connect : ", 0) == 0;
+            } else {
+                own += line + "\n";
+            }
+        }
+        EXPECT_EQ(own,
+                  "Vigil Startup ...\nVigil State: START PENDING\nVigil State: RUNNING\n"
+                  "Vigil State: STOPPED\nVigil Shutdown ...\n");
+        EXPECT_TRUE(connectTraced) << end.out;
+        EXPECT_EQ(events(), (std::vector<std::string>{kStarted, kStopped}));
+        EXPECT_TRUE(fs::is_directory(root_ / "var/lib/Orvanta/Mirelle Studio/File Agent"));
+    }
+}
+
+// The first session of a user: watch a folder, create a file, see its name; the watched folder is
+// still there after the service is stopped and run again, from the cache in the data folder.
+TEST_F(AgentE2eTest, ConsoleSessionSeesANewFileAndKeepsItsFolderAcrossRuns) {
+    const fs::path watched = root_ / "home/demo/Pictures";
+    fs::create_directories(watched);
+    const auto guid = *vigil_client::ParseGuid("F11EA6E7-0001-4000-8000-00000000C11E");
+    {
+        RunningAgent agent({"/PORT", "session"});
+        ASSERT_TRUE(agent.waitForOutput("Vigil State: RUNNING\n"));
+        vigil_client::AgentConnection client(u"session");
+        client.hello(guid, 1, 0);
+        client.addFolders(vigil_client::FolderOptions{}, {watched.string() + "/"});
+        std::ofstream(watched / "first-photo.jpg") << "x";
+        std::vector<std::string> names;
+        const auto deadline = Clock::now() + std::chrono::seconds(20);
+        // The reply to AddFolders comes before the watch thread has set up the watch, so a file
+        // made at once may pass unseen: its attributes are changed until the name comes.
+        auto mode = fs::perms::owner_exec;
+        while (names.empty() && Clock::now() < deadline) {
+            fs::permissions(watched / "first-photo.jpg", mode,
+                            fs::perm_options::replace | fs::perm_options::nofollow);
+            mode = mode == fs::perms::owner_exec ? fs::perms::owner_all : fs::perms::owner_exec;
+            for (const auto& folder : client.getChanges(true)) {
+                names.insert(names.end(), folder.names.begin(), folder.names.end());
+            }
+        }
+        // A name may be pending more than once; it is the one name there is.
+        EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
+                  std::set<std::string>{"first-photo.jpg"});
+        agent.signal(SIGINT);
+        EXPECT_EQ(agent.wait().status, 0);
+    }
+    EXPECT_TRUE(
+        fs::exists(root_ / "var/lib/Orvanta/Mirelle Studio/File Agent/WatchFolder.3.cache"));
+    RunningAgent again({"/PORT", "session"});
+    ASSERT_TRUE(again.waitForOutput("Vigil State: RUNNING\n"));
+    vigil_client::AgentConnection client(u"session");
+    client.hello(guid, 1, 0);
+    EXPECT_EQ(client.getFolders(), std::vector<std::string>{watched.string() + "/"});
+    again.signal(SIGTERM);
+    EXPECT_EQ(again.wait().status, 0);
+}
+
+TEST_F(AgentE2eTest, BadCommandLinesPrintTheUsageTextAndExitWithZero) {
+    const std::vector<std::vector<std::string>> lines = {{"/START", "/STOP"},
+                                                         {"/INSTALL", "/UNINSTALL"},
+                                                         {"/ACCOUNT=bob"},
+                                                         {"/ACCOUNT"},
+                                                         {"//START"}};
+    for (const auto& line : lines) {
+        const Finished run = RunAgent(line);
+        EXPECT_EQ(run.status, 0);
+        EXPECT_TRUE(run.out.empty());
+        // The executable and this test link the same object for the usage text, with its stamps.
+        EXPECT_EQ(run.err, Vigil::usageText(1, 0, 201, Vigil::buildDate(), Vigil::buildTime()));
+    }
+    // Nothing was built or installed by any of them.
+    EXPECT_FALSE(fs::exists(root_ / "etc/orvanta/services"));
+    EXPECT_TRUE(events().empty());
+}
+
+TEST_F(AgentE2eTest, InstallStartPauseContinueStopRestartUninstall) {
+    Finished run = RunAgent({"/INSTALL"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kInstalled);
+    const std::string conf = root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf";
+    const std::vector<std::string> record = FileLines(conf);
+    EXPECT_NE(std::find(record.begin(), record.end(), "BinaryPath=" + AgentPath()), record.end());
+    EXPECT_NE(std::find(record.begin(), record.end(), "StartType=3"), record.end());
+    EXPECT_NE(std::find(record.begin(), record.end(), "DisplayName=Orvanta Vigil Watch V14"),
+              record.end());
+
+    run = RunAgent({"/START"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    auto waiting = ConnectWithin(kDefaultPipe);
+    ASSERT_NE(waiting, nullptr);
+    const uint32_t id = waiting->hello(kGuid);
+
+    run = RunAgent({"/PAUSE"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    waiting->send(Request(kConnectionNoop, id, 41, Le32({0})));
+    EXPECT_TRUE(waiting->silentFor(300));
+    // A new client is still accepted while the request above waits.
+    Connection newcomer(kDefaultPipe);
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    auto connects = [&] {
+        size_t n = 0;
+        for (const std::string& line : FileLines(serviceLog())) {
+            n += line.rfind("- Client Connect : ", 0) == 0 ? 1 : 0;
+        }
+        return n;
+    };
+    while (connects() < 2 && Clock::now() < deadline) std::this_thread::yield();
+    EXPECT_EQ(connects(), 2u);
+    newcomer.send(Request(kHello, 0, 7, HelloBody(1, 0, kGuid)));
+    EXPECT_TRUE(newcomer.silentFor(100));
+
+    run = RunAgent({"/CONTINUE"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    EXPECT_EQ(waiting->receive().header.requestId, 41u);
+    const Reply welcome = newcomer.receive();
+    EXPECT_EQ(welcome.header.code, kHelloReply);
+    EXPECT_EQ(welcome.header.requestId, 7u);
+
+    run = RunAgent({"/STOP"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    EXPECT_TRUE(waiting->closedWithin(10000));
+    ExpectDump(RunAgent({"/PAUSE"}), 1062);
+    run = RunAgent({"/STOP"});  // not running: counts as done
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+
+    run = RunAgent({"/RESTART"});  // the failed stop is ignored and the service starts
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kControlled);
+    ASSERT_NE(ConnectWithin(kDefaultPipe), nullptr);
+    ExpectDump(RunAgent({"/START"}), 1056);
+    ExpectDump(RunAgent({"/INSTALL"}), 1073);
+
+    run = RunAgent({"/UNINSTALL"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, kUninstalled);
+    EXPECT_FALSE(fs::exists(conf));
+    EXPECT_TRUE(EventsWithin(6));
+    // The service processes wrote nothing but client traces: no dump, no sanitizer report.
+    for (const std::string& line : FileLines(serviceLog())) {
+        EXPECT_EQ(line.rfind("- Client ", 0), 0u) << line;
+    }
+    EXPECT_EQ(events(), (std::vector<std::string>{kStarted, kPaused, kResumed, kStopped, kStarted,
+                                                  kStopped}));
+}
+
+TEST_F(AgentE2eTest, InstallRecordsTheModifiersOfItsCommandLine) {
+    const struct {
+        std::vector<std::string> args;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {{"/INSTALL"},
+         {"StartType=3", "ErrorControl=0", "Account=", "Dependencies=",
+          "Description=Tracks files that are managed by Mirelle Catalog"}},
+        {{"/INSTALL", "/AUTOSTART", "/ACCOUNT", "bob", "/DOMAIN", "dom", "/PASSWORD", "pw"},
+         {"StartType=2", "ErrorControl=1", "Account=dom\\\\bob"}},
+        {{"/DOMAIN", "dom", "/INSTALL"}, {"Account="}},
+        {{"/INSTALL", "/DEPENDENCIES", "Tcpip  Afd"}, {"Dependencies=Tcpip/Afd"}},
+        {{"/PORT", "other", "/INSTALL"}, {"BinaryPath=" + AgentPath()}},
+    };
+    const std::string conf = root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf";
+    const std::string eventSource =
+        root_ /
+        "etc/orvanta/registry/HKEY_LOCAL_MACHINE/SYSTEM/CurrentControlSet/Services/EventLog/"
+        "Application/Orvanta Vigil Watch 14.0/EventMessageFile";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args.size());
+        const Finished install = RunAgent(c.args);
+        EXPECT_EQ(install.status, 0);
+        EXPECT_EQ(install.out, kInstalled);
+        const std::vector<std::string> record = FileLines(conf);
+        for (const std::string& line : c.lines) {
+            EXPECT_NE(std::find(record.begin(), record.end(), line), record.end()) << line;
+        }
+        for (const std::string& line : record) EXPECT_EQ(line.find("pw"), std::string::npos);
+        EXPECT_EQ(FileLines(eventSource), std::vector<std::string>{AgentPath()});
+        EXPECT_EQ(RunAgent({"/UNINSTALL"}).status, 0);
+        EXPECT_FALSE(fs::exists(conf));
+        EXPECT_FALSE(fs::exists(eventSource));
+    }
+}
+
+// A copy of the executable alone in a folder of its own runs: the project's libraries are linked
+// in. Its path, longer than 2047 units, is recorded cut to 2047.
+TEST_F(AgentE2eTest, CopyAloneInALongPathInstallsWithItsPathCutTo2047) {
+    std::string folder = root_ / "long";
+    while (folder.size() < 2100) folder += "/" + std::string(200, 'd');
+    fs::create_directories(folder);
+    const std::string copy = folder + "/MirelleStudioFileAgent";
+    fs::copy_file(AgentPath(), copy);
+    const Finished install = RunAgent({"/INSTALL"}, 20000, copy);
+    EXPECT_EQ(install.status, 0);
+    const std::vector<std::string> record =
+        FileLines(root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf");
+    EXPECT_NE(std::find(record.begin(), record.end(), "BinaryPath=" + copy.substr(0, 2047)),
+              record.end());
+}
+
+TEST_F(AgentE2eTest, ServiceThatCannotBeBuiltSaysSoAndFailsInEveryRole) {
+    const fs::path key =
+        root_ / "etc/orvanta/registry/HKEY_LOCAL_MACHINE/Software/Orvanta/Mirelle Studio/14.0";
+    fs::create_directories(key);
+    std::ofstream(key / "Locale") << "xx_NOWHERE\n";
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{}, {"/INSTALL"}, {"/STOP"}}) {
+        const Finished run = RunAgent(args);
+        EXPECT_EQ(run.status, 255);
+        EXPECT_TRUE(run.out.empty()) << run.out;
+        EXPECT_EQ(run.err,
+                  "MirelleStudioFileAgent: the service could not be set up: Invalid locale string "
+                  "in locale/LocaleUtil\n");
+    }
+    EXPECT_FALSE(fs::exists(root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf"));
+}
+
+TEST_F(AgentE2eTest, CommandsOnAServiceThatIsNotInstalledFailWith1060) {
+    for (const char* command : {"/UNINSTALL", "/START", "/STOP", "/PAUSE", "/CONTINUE"}) {
+        SCOPED_TRACE(command);
+        ExpectDump(RunAgent({command}), 1060);
+    }
+}
+
+TEST_F(AgentE2eTest, MissingCommonDataFolderFailsTheStartWith161) {
+    ASSERT_EQ(RunAgent({"/INSTALL"}).status, 0);
+    fs::remove_all(root_ / "var/lib");
+    RunAgent({"/START"});
+    ASSERT_TRUE(EventsWithin(2));
+    EXPECT_EQ(events(), (std::vector<std::string>{
+                            "0xE0000A0E Orvanta Vigil Watch Service has terminated because of a "
+                            "system error.",
+                            "0x000000A1"}));
+    // The service is down again: a stop finds it not running.
+    const Finished stop = RunAgent({"/STOP"});
+    EXPECT_EQ(stop.status, 0);
+}
+
+TEST_F(AgentE2eTest, MissingCommonDataFolderInConsoleModeDumps161) {
+    fs::remove_all(root_ / "var/lib");
+    const Finished run = RunAgent({"/PORT", "no data"});
+    EXPECT_EQ(run.out, "Vigil Startup ...\n");
+    EXPECT_EQ(run.status, 161);
+    EXPECT_NE(run.err.find("    Operating System Error = 161\n"), std::string::npos) << run.err;
+    EXPECT_EQ(events().size(), 2u);
+}
+
+}  // namespace
+}  // namespace vigil_test

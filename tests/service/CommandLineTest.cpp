@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "service/VigilCommandLine.h"
+
+namespace Vigil {
+namespace {
+
+struct ScanCase {
+    std::vector<const char*> args;  // behind the program's name
+    bool good;
+    uint32_t commands = 0;
+    std::u16string account = u"";
+    std::u16string port = kDefaultPipeName;
+    std::u16string dependencies = u"";
+    std::u16string domain = u"";
+    bool autoStart = false;
+};
+
+class ScanTest : public ::testing::TestWithParam<ScanCase> {};
+
+TEST_P(ScanTest, FillsTheRecordOrAsksForUsage) {
+    const ScanCase& c = GetParam();
+    std::vector<const char*> argv{"MirelleStudioFileAgent"};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    argv.push_back(nullptr);
+    CommandLine line;
+    const bool good = scanCommandLine(line, static_cast<int>(argv.size() - 1), argv.data());
+    ASSERT_EQ(good, c.good);
+    if (!good) return;
+    EXPECT_EQ(line.commands, c.commands);
+    EXPECT_EQ(line.account, c.account);
+    EXPECT_EQ(line.port, c.port);
+    EXPECT_EQ(line.dependencies, c.dependencies);
+    EXPECT_EQ(line.domain, c.domain);
+    EXPECT_EQ(line.autoStart, c.autoStart);
+    EXPECT_TRUE(line.password.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, ScanTest,
+    ::testing::Values(
+        ScanCase{{}, true}, ScanCase{{"/PORT", "abc"}, true, 0, u"", u"abc"},
+        ScanCase{{"/AUTOSTART"}, true, 0, u"", kDefaultPipeName, u"", u"", true},
+        ScanCase{{"-install"}, true, Command::kInstall},
+        ScanCase{{"/INSTALL"}, true, Command::kInstall},
+        ScanCase{{"/iNsTaLl"}, true, Command::kInstall},
+        ScanCase{{"/install", "/INSTALL"}, true, Command::kInstall},
+        ScanCase{{"/UNINSTALL"}, true, Command::kUninstall},
+        ScanCase{{"/start"}, true, Command::kStart}, ScanCase{{"-STOP"}, true, Command::kStop},
+        ScanCase{{"/Pause"}, true, Command::kPause},
+        ScanCase{{"/CONTINUE"}, true, Command::kContinue},
+        ScanCase{{"/RESTART"}, true, Command::kRestart}, ScanCase{{"/START", "/STOP"}, false},
+        ScanCase{{"/INSTALL", "/UNINSTALL"}, false},
+        ScanCase{{"/ACCOUNT", "=bob"}, true, 0, u"bob"},
+        ScanCase{{"/ACCOUNT", "=", "bob"}, true, 0, u"bob"}, ScanCase{{"/ACCOUNT=bob"}, false},
+        ScanCase{{"/ACCOUNT", "="}, false}, ScanCase{{"/ACCOUNT", "a b"}, true, 0, u"a b"},
+        ScanCase{{"/ACCOUNT", "a.b"}, false},
+        ScanCase{{"/ACCOUNT", "bob/PAUSE"}, true, Command::kPause, u"bob"},
+        ScanCase{{"/ACCOUNT", "BoB  1"}, true, 0, u"BoB  1"}, ScanCase{{"/ACCOUNT"}, false},
+        ScanCase{{"/ACCOUNT", ""}, false},
+        ScanCase{{"/PORT", "/START"}, true, Command::kStart, u"", u""},
+        ScanCase{{"/DEPENDENCIES", "d1,", "d2"}, false},
+        ScanCase{{"/DEPENDENCIES", "d1 d2"}, true, 0, u"", kDefaultPipeName, u"d1 d2"},
+        ScanCase{{"/DOMAIN", "x", "/INSTALL"},
+                 true,
+                 Command::kInstall,
+                 u"",
+                 kDefaultPipeName,
+                 u"",
+                 u"x"},
+        ScanCase{{"/ACCOUNT", "a", "/ACCOUNT", "b"}, true, 0, u"b"}, ScanCase{{"//START"}, false},
+        ScanCase{{"/-START"}, false}, ScanCase{{"START"}, false}, ScanCase{{"/"}, false},
+        ScanCase{{"/STOPX"}, false}, ScanCase{{"/BOGUS"}, false},
+        ScanCase{{"/PAUSE", "", "/AUTOSTART"},
+                 true,
+                 Command::kPause,
+                 u"",
+                 kDefaultPipeName,
+                 u"",
+                 u"",
+                 true},
+        // Only one empty argument is stepped over at a time: the second becomes the current
+        // text and fails the prefix test.
+        ScanCase{{"/PAUSE", "", "", "/AUTOSTART"}, false}, ScanCase{{"/PORT", "x\xe9y"}, false},
+        ScanCase{{"/PORT", "My Pipe 2"}, true, 0, u"", u"My Pipe 2"}));
+
+TEST(CommandLineTest, FullAccountNameJoinsDomainOnlyWithAnAccount) {
+    CommandLine line;
+    EXPECT_EQ(fullAccountName(line), u"");
+    line.domain = u"dom";
+    EXPECT_EQ(fullAccountName(line), u"");
+    line.account = u"bob";
+    EXPECT_EQ(fullAccountName(line), u"dom\\bob");
+    line.domain.clear();
+    EXPECT_EQ(fullAccountName(line), u"bob");
+}
+
+TEST(CommandLineTest, OptionValueLeavesBothCursorsOnTheCharacterThatEndedIt) {
+    const char* argv[] = {"=", "ab c,rest", nullptr};
+    const char* const* argvCursor = argv;
+    const char* cursor = argv[0];
+    EXPECT_EQ(parseOptionValue(cursor, argvCursor), u"ab c");
+    EXPECT_EQ(argvCursor, argv + 1);
+    EXPECT_STREQ(cursor, ",rest");
+}
+
+// `shape` spells the text: A an upper-case letter, a a lower-case one, 9 a digit, _ a digit or
+// a blank; any other character stands for itself.
+bool HasShape(const std::string& text, const std::string& shape) {
+    if (text.size() != shape.size()) return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        const bool fits = shape[i] == 'A'   ? (c >= 'A' && c <= 'Z')
+                          : shape[i] == 'a' ? (c >= 'a' && c <= 'z')
+                          : shape[i] == '9' ? (c >= '0' && c <= '9')
+                          : shape[i] == '_' ? (c == ' ' || (c >= '0' && c <= '9'))
+                                            : c == shape[i];
+        if (!fits) return false;
+    }
+    return true;
+}
+
+TEST(CommandLineTest, UsageTextIsExact) {
+    const std::string expected =
+        "Orvanta Vigil Watch\n"
+        "  Version: 1.0 - 201\n"
+        "  When:    Dec  7 2015 01:18:33\n"
+        "\nUsage: MirelleStudioFileAgent [options]\n----------------------\n"
+        "\nWindows Service Setup Options:\n------------------------------\n"
+        "  /INSTALL                  Install Service\n"
+        "    [/AUTOSTART]            Auto Start service\n"
+        "    [/ACCOUNT  account]     Service Account Name\n"
+        "    [/PASSWORD password]    Service Account Password\n"
+        "    [/DOMAIN   domain]      Service Account Domain\n"
+        "    [/DEPENDENCIES d1, d2]  Service Startup Dependencies\n"
+        "\n  /UNINSTALL                Remove Service\n"
+        "\nWindows Service Control Options:\n--------------------------------\n"
+        "  /START                Start Service\n"
+        "  /STOP                 Stop Service\n"
+        "  /PAUSE                Pause Service\n"
+        "  /CONTINUE             Resume Service\n"
+        "  /RESTART\t\t\t  Restart Service\n"
+        "\nServer Configuration Options:\n---------------------------\n"
+        "  /PORT                 Server Listen Port\n"
+        "\n";
+    EXPECT_EQ(usageText(1, 0, 201, "Dec  7 2015", "01:18:33"), expected);
+    EXPECT_TRUE(HasShape(buildDate(), "Aaa _9 9999")) << buildDate();
+    EXPECT_TRUE(HasShape(buildTime(), "99:99:99")) << buildTime();
+}
+
+TEST(CommandLineDeathTest, BadLineWritesUsageAndExitsWithZero) {
+    const char* argv[] = {"MirelleStudioFileAgent", "/START", "/STOP", nullptr};
+    CommandLine line;
+    EXPECT_EXIT(parseCommandLine(line, 3, const_cast<char**>(argv)), ::testing::ExitedWithCode(0),
+                "  Version: 1\\.0 - 201");
+}
+
+}  // namespace
+}  // namespace Vigil
