@@ -296,6 +296,42 @@ TEST_F(AgentE2eTest, InstallRecordsTheModifiersOfItsCommandLine) {
     }
 }
 
+// The registry's Locale picks the dictionary beside the executable; what /INSTALL records is its
+// display name and description, or the English texts without a key, for en_US, or for a locale
+// with no dictionary.
+TEST_F(AgentE2eTest, InstallRecordsTheTextsOfTheRegistryLocale) {
+    const struct {
+        const char* locale;  // null: no key at all
+        std::string displayName;
+        std::string description;
+    } cases[] = {
+        {nullptr, "Orvanta Vigil Watch V14", "Tracks files that are managed by Mirelle Catalog"},
+        {"en_US", "Orvanta Vigil Watch V14", "Tracks files that are managed by Mirelle Catalog"},
+        {"de_DE", "Orvanta Vigil Dateiüberwachung V14",
+         "Überwacht Dateien, die von Mirelle Catalog verwaltet werden"},
+        {"pt_BR", "Orvanta Vigil Watch V14", "Tracks files that are managed by Mirelle Catalog"},
+    };
+    const fs::path key =
+        root_ / "etc/orvanta/registry/HKEY_LOCAL_MACHINE/Software/Orvanta/Mirelle Studio/14.0";
+    const std::string conf = root_ / "etc/orvanta/services/OrvantaVigilWatch14.0.conf";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.locale ? c.locale : "no key");
+        fs::remove_all(key);
+        if (c.locale) {
+            fs::create_directories(key);
+            std::ofstream(key / "Locale", std::ios::binary) << c.locale;
+        }
+        const Finished install = RunAgent({"/INSTALL"});
+        ASSERT_EQ(install.status, 0) << install.err;
+        const std::vector<std::string> record = FileLines(conf);
+        EXPECT_NE(std::find(record.begin(), record.end(), "DisplayName=" + c.displayName),
+                  record.end());
+        EXPECT_NE(std::find(record.begin(), record.end(), "Description=" + c.description),
+                  record.end());
+        EXPECT_EQ(RunAgent({"/UNINSTALL"}).status, 0);
+    }
+}
+
 // A copy of the executable alone in a folder of its own runs: the project's libraries are linked
 // in. Its path, longer than 2047 units, is recorded cut to 2047.
 TEST_F(AgentE2eTest, CopyAloneInALongPathInstallsWithItsPathCutTo2047) {
