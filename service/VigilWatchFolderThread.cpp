@@ -93,7 +93,9 @@ void Thread::beginWatch(const Guid& guid, const std::u16string& path,
     Osb::HDirectory handle = Osb::OpenDirectoryForWatch(path);
     if (handle == nullptr) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
 
-    auto record = std::make_unique<ReadRecord>();
+    // Default-initialised: the 64 KiB buffer is left untouched until the system fills it, so an idle
+    // watch costs no resident memory for it.
+    std::unique_ptr<ReadRecord> record(new ReadRecord);
     record->handle = handle;
     record->guid = guid;
     record->path = path;

@@ -74,7 +74,7 @@ void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* ove
     // The next read goes out before this buffer is looked at, so the system has somewhere to
     // put what comes meanwhile. A copy of everything but the buffer.
     try {
-        auto next = std::make_unique<ReadRecord>();
+        std::unique_ptr<ReadRecord> next(new ReadRecord);  // buffer left unzeroed, as above
         next->handle = record->handle;
         next->guid = record->guid;
         next->path = record->path;
