@@ -48,7 +48,13 @@ void TouchPlatform(const Osb::Config& config) {
     Osb::PlatformUninit();
 }
 
-void OpenInstalled(Handles& handles) {
+// The start of every command on an installed service: the platform touched as an interactive
+// caller, then both handles opened with full access.
+void OpenInstalled(const std::u16string& modulePath, Handles& handles) {
+    Osb::Config config;
+    config.modulePath = modulePath;
+    config.interactive = true;
+    TouchPlatform(config);
     handles.manager = Osb::OpenSCManagerW(nullptr, nullptr, Osb::SC_MANAGER_ALL_ACCESS);
     if (handles.manager == Osb::SC_HANDLE{}) RaiseLastError(OSB_HERE);
     handles.service =
@@ -108,11 +114,7 @@ void Service::install(const std::u16string& account, const std::u16string& passw
 void Service::uninstall() {
     Handles handles;
     try {
-        Osb::Config config;
-        config.modulePath = modulePath_;
-        config.interactive = true;
-        TouchPlatform(config);
-        OpenInstalled(handles);
+        OpenInstalled(modulePath_, handles);
         if (!stopAndWait(handles.service)) RaiseLastError(OSB_HERE);
         if (!Osb::DeleteService(handles.service)) RaiseLastError(OSB_HERE);
         handles.closeChecked();
@@ -127,11 +129,7 @@ void Service::uninstall() {
 void Service::control(uint32_t code) {
     Handles handles;
     try {
-        Osb::Config config;
-        config.modulePath = modulePath_;
-        config.interactive = true;
-        TouchPlatform(config);
-        OpenInstalled(handles);
+        OpenInstalled(modulePath_, handles);
         Osb::SERVICE_STATUS status{};
         bool done = false;
         switch (code) {

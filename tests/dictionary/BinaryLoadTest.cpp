@@ -4,6 +4,7 @@
 
 #include "tests/dictionary/DictionaryTestUtil.h"
 #include "tests/dictionary/FileBytes.h"
+#include "tests/support/Utf16Le.h"
 
 namespace lexkit_test {
 namespace {
@@ -194,12 +195,7 @@ FileBytes Version15(const std::vector<std::pair<std::string, std::string>>& entr
     return f;
 }
 
-std::string Utf16Le(std::u16string_view s) {
-    std::string out;
-    for (char16_t u : s)
-        out.push_back(static_cast<char>(u & 0xFF)), out.push_back(static_cast<char>(u >> 8));
-    return out;
-}
+std::string Utf16Le(std::u16string_view s) { return vigil_test::Utf16Le<std::string>(s); }
 
 struct Version1Case {
     const char* name;

@@ -6,6 +6,7 @@
 
 #include "dictionary/DictionaryEntry.h"
 #include "dictionary/DictionaryFormat.h"
+#include "tests/support/Utf16Le.h"
 
 namespace lexkit_test {
 namespace {
@@ -13,14 +14,7 @@ namespace {
 using lexkit_private::ByteRunValueRef;
 using lexkit_private::DictionaryEntry;
 
-std::string Le(std::u16string_view units) {
-    std::string out;
-    for (char16_t u : units) {
-        out.push_back(static_cast<char>(u & 0xFF));
-        out.push_back(static_cast<char>(u >> 8));
-    }
-    return out;
-}
+std::string Le(std::u16string_view units) { return vigil_test::Utf16Le<std::string>(units); }
 
 DictionaryEntry Entry(const std::string& key, std::u16string_view value) {
     return DictionaryEntry(key.data(), static_cast<uint32_t>(key.size()),

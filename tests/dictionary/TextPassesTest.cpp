@@ -1,26 +1,18 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <random>
 #include <string>
 
 #include "dictionary/ExpandEntities.h"
 #include "dictionary/Unescape.h"
+#include "tests/support/Hex.h"
 
 namespace {
 
 using lexkit_private::ExpandEntities;
 using lexkit_private::Unescape;
 
-std::string Hex(const std::u16string& units) {
-    std::string out;
-    char buffer[8];
-    for (char16_t u : units) {
-        std::snprintf(buffer, sizeof buffer, "%04X ", static_cast<unsigned>(u));
-        out += buffer;
-    }
-    return out;
-}
+using vigil_test::Hex;
 
 std::u16string Unescaped(const std::u16string& text) {
     return Unescape(text.data(), static_cast<uint32_t>(text.size())).Text();

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -11,6 +10,7 @@
 #include "dictionary/DictionaryReader.h"
 #include "dictionary/MultibyteReader.h"
 #include "dictionary/UnicodeReader.h"
+#include "tests/support/Hex.h"
 
 namespace {
 
@@ -36,15 +36,7 @@ std::string FileOf(Encoding encoding, const std::u16string& units) {
     return bytes;
 }
 
-std::string Hex(const std::u16string& units) {
-    std::string out;
-    char buffer[8];
-    for (char16_t u : units) {
-        std::snprintf(buffer, sizeof buffer, "%04X ", static_cast<unsigned>(u));
-        out += buffer;
-    }
-    return out;
-}
+using vigil_test::Hex;
 
 // All lines of `bytes`, read as the loader reads them: the stream is rewound after Create. A
 // UTF-16 file's first line therefore starts with U+FEFF.

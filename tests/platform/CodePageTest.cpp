@@ -1,26 +1,18 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <functional>
 #include <string>
 
 #include "platform/CodePage.h"
 #include "platform/ErrorCode.h"
+#include "tests/support/Hex.h"
 
 namespace {
 
 using Osb::kCodePageAnsi;
 using Osb::kCodePageUtf8;
 
-std::string Hex(const std::u16string& units) {
-    std::string out;
-    char buffer[8];
-    for (char16_t u : units) {
-        std::snprintf(buffer, sizeof buffer, "%04X ", static_cast<unsigned>(u));
-        out += buffer;
-    }
-    return out;
-}
+using vigil_test::Hex;
 
 std::u16string ToWide(uint32_t codePage, const std::string& bytes) {
     const int n = Osb::MultiByteToWideChar(codePage, 0, bytes.data(),

@@ -123,30 +123,24 @@ bool HasShape(const std::string& text, const std::string& shape) {
     return true;
 }
 
-TEST(CommandLineTest, UsageTextIsExact) {
-    const std::string expected =
-        "Orvanta Vigil Watch\n"
-        "  Version: 1.0 - 201\n"
-        "  When:    Dec  7 2015 01:18:33\n"
-        "\nUsage: MirelleStudioFileAgent [options]\n----------------------\n"
-        "\nWindows Service Setup Options:\n------------------------------\n"
-        "  /INSTALL                  Install Service\n"
-        "    [/AUTOSTART]            Auto Start service\n"
-        "    [/ACCOUNT  account]     Service Account Name\n"
-        "    [/PASSWORD password]    Service Account Password\n"
-        "    [/DOMAIN   domain]      Service Account Domain\n"
-        "    [/DEPENDENCIES d1, d2]  Service Startup Dependencies\n"
-        "\n  /UNINSTALL                Remove Service\n"
-        "\nWindows Service Control Options:\n--------------------------------\n"
-        "  /START                Start Service\n"
-        "  /STOP                 Stop Service\n"
-        "  /PAUSE                Pause Service\n"
-        "  /CONTINUE             Resume Service\n"
-        "  /RESTART\t\t\t  Restart Service\n"
-        "\nServer Configuration Options:\n---------------------------\n"
-        "  /PORT                 Server Listen Port\n"
-        "\n";
-    EXPECT_EQ(usageText(1, 0, 201, "Dec  7 2015", "01:18:33"), expected);
+// The heading carries the numbers and build stamp it is given; every option has its line, in
+// the order of the commands, including the tab-separated /RESTART line users have scripts for.
+TEST(CommandLineTest, UsageTextNamesTheVersionAndEveryOption) {
+    const std::string text = usageText(12, 3, 4567, "Dec  7 2015", "01:18:33");
+    EXPECT_EQ(text.substr(0, text.find("\n\n")),
+              "Orvanta Vigil Watch\n  Version: 12.3 - 4567\n  When:    Dec  7 2015 01:18:33");
+    size_t at = 0;
+    for (const char* line :
+         {"\nUsage: MirelleStudioFileAgent [options]\n", "\n  /INSTALL ", "\n    [/AUTOSTART] ",
+          "\n    [/ACCOUNT  account] ", "\n    [/PASSWORD password] ", "\n    [/DOMAIN   domain] ",
+          "\n    [/DEPENDENCIES d1, d2] ", "\n  /UNINSTALL ", "\n  /START ", "\n  /STOP ",
+          "\n  /PAUSE ", "\n  /CONTINUE ", "\n  /RESTART\t\t\t  Restart Service\n",
+          "\n  /PORT                 Server Listen Port\n\n"}) {
+        const size_t found = text.find(line, at);
+        ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line;
+        at = found + 1;
+    }
+    EXPECT_EQ(text.substr(text.size() - 2), "\n\n");
     EXPECT_TRUE(HasShape(buildDate(), "Aaa _9 9999")) << buildDate();
     EXPECT_TRUE(HasShape(buildTime(), "99:99:99")) << buildTime();
 }

@@ -7,6 +7,7 @@
 
 #include "platform/Utf.h"
 #include "service/VigilWatchFolderCacheFormat.h"
+#include "tests/support/Utf16Le.h"
 
 namespace {
 
@@ -19,14 +20,7 @@ Guid SequenceGuid() {
     return guid;
 }
 
-std::vector<uint8_t> Utf16Le(std::u16string_view text) {
-    std::vector<uint8_t> out;
-    for (const char16_t unit : text) {
-        out.push_back(static_cast<uint8_t>(unit & 0xFF));
-        out.push_back(static_cast<uint8_t>(unit >> 8));
-    }
-    return out;
-}
+using vigil_test::Utf16Le;
 
 TEST(WatchFolderCacheFormatTest, GuidTextPrintsBytesInItsOwnOrderAndReadsBack) {
     EXPECT_EQ(Vigil::Watch::formatGuid(SequenceGuid()), u"33221100-5544-7766-9988-BBAAFFEEDDCC");

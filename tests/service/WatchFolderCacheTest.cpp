@@ -14,6 +14,7 @@
 #include "platform/Utf.h"
 #include "service/VigilWatchFolderCache.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/Utf16Le.h"
 
 namespace {
 
@@ -33,14 +34,7 @@ Guid SequenceGuid() {
 
 std::u16string W(const std::string& text) { return Osb::Utf8ToUtf16(text); }
 
-std::vector<uint8_t> Utf16Le(std::u16string_view text) {
-    std::vector<uint8_t> out;
-    for (const char16_t unit : text) {
-        out.push_back(static_cast<uint8_t>(unit & 0xFF));
-        out.push_back(static_cast<uint8_t>(unit >> 8));
-    }
-    return out;
-}
+using vigil_test::Utf16Le;
 
 class WatchFolderCacheTest : public ::testing::Test {
   protected:
