@@ -87,41 +87,20 @@ TEST(TextPassesTest, ExpandEntitiesTakesRowsBeforeNumbersAndNeedsTheClosingBrace
     for (const Case& c : cases) EXPECT_EQ(Hex(Expanded(c.in)), Hex(c.out)) << Hex(c.in);
 }
 
-TEST(TextPassesTest, EveryEntityNameHasItsUnit) {
-    const char16_t* const latin1[96] = {
-        u"nbsp",   u"iexcl",  u"cent",   u"pound",  u"curren", u"yen",    u"brvbar", u"sect",
-        u"uml",    u"copy",   u"ordf",   u"laquo",  u"not",    u"shy",    u"reg",    u"macr",
-        u"deg",    u"plusmn", u"sup2",   u"sup3",   u"acute",  u"micro",  u"para",   u"middot",
-        u"cedil",  u"sup1",   u"ordm",   u"raquo",  u"frac14", u"frac12", u"frac34", u"iquest",
-        u"Agrave", u"Aacute", u"Acirc",  u"Atilde", u"Auml",   u"Aring",  u"AElig",  u"Ccedil",
-        u"Egrave", u"Eacute", u"Ecirc",  u"Euml",   u"Igrave", u"Iacute", u"Icirc",  u"Iuml",
-        u"ETH",    u"Ntilde", u"Ograve", u"Oacute", u"Ocirc",  u"Otilde", u"Ouml",   u"times",
-        u"Oslash", u"Ugrave", u"Uacute", u"Ucirc",  u"Uuml",   u"Yacute", u"THORN",  u"szlig",
-        u"agrave", u"aacute", u"acirc",  u"atilde", u"auml",   u"aring",  u"aelig",  u"ccedil",
-        u"egrave", u"eacute", u"ecirc",  u"euml",   u"igrave", u"iacute", u"icirc",  u"iuml",
-        u"eth",    u"ntilde", u"ograve", u"oacute", u"ocirc",  u"otilde", u"ouml",   u"divide",
-        u"oslash", u"ugrave", u"uacute", u"ucirc",  u"uuml",   u"yacute", u"thorn",  u"yuml",
-    };
-    for (int i = 0; i < 96; ++i) {
-        EXPECT_EQ(Hex(Expanded(u"#{" + std::u16string(latin1[i]) + u"}")),
-                  Hex(std::u16string(1, static_cast<char16_t>(0xA0 + i))))
-            << i;
-    }
+// The ends and a few inner rows of each entity range: the Latin-1 names are in unit order from
+// U+00A0, the others are scattered, and neighbours differ only in case.
+TEST(TextPassesTest, EntityNamesHaveTheirUnits) {
     const struct {
         const char16_t* name;
         char16_t unit;
-    } others[] = {
-        {u"tab", 0x0009},    {u"cr", 0x000D},     {u"lf", 0x000A},     {u"quot", 0x0022},
-        {u"amp", 0x0026},    {u"lt", 0x003C},     {u"gt", 0x003E},     {u"OElig", 0x0152},
-        {u"oelig", 0x0153},  {u"Scaron", 0x0160}, {u"scaron", 0x0161}, {u"Yuml", 0x0178},
-        {u"circ", 0x02C6},   {u"tilde", 0x02DC},  {u"ensp", 0x2002},   {u"emsp", 0x2003},
-        {u"thinsp", 0x2009}, {u"zwnj", 0x200C},   {u"zwj", 0x200D},    {u"lrm", 0x200E},
-        {u"rlm", 0x200F},    {u"ndash", 0x2013},  {u"mdash", 0x2014},  {u"lsquo", 0x2018},
-        {u"rsquo", 0x2019},  {u"sbquo", 0x201A},  {u"ldquo", 0x201C},  {u"rdquo", 0x201D},
-        {u"bdquo", 0x201E},  {u"dagger", 0x2020}, {u"Dagger", 0x2021}, {u"permil", 0x2030},
-        {u"lsaquo", 0x2039}, {u"rsaquo", 0x203A}, {u"euro", 0x20AC},
+    } rows[] = {
+        {u"nbsp", 0x00A0},  {u"shy", 0x00AD},    {u"Agrave", 0x00C0}, {u"szlig", 0x00DF},
+        {u"agrave", 0x00E0}, {u"THORN", 0x00DE}, {u"thorn", 0x00FE},  {u"yuml", 0x00FF},
+        {u"tab", 0x0009},   {u"cr", 0x000D},     {u"quot", 0x0022},   {u"OElig", 0x0152},
+        {u"oelig", 0x0153}, {u"Yuml", 0x0178},   {u"zwnj", 0x200C},   {u"Dagger", 0x2021},
+        {u"permil", 0x2030}, {u"rsaquo", 0x203A},
     };
-    for (const auto& row : others) {
+    for (const auto& row : rows) {
         EXPECT_EQ(Hex(Expanded(u"#{" + std::u16string(row.name) + u"}")),
                   Hex(std::u16string(1, row.unit)))
             << Hex(row.name);

@@ -9,36 +9,13 @@
 
 #include "platform/MessageTable.h"
 #include "platform/Utf.h"
+#include "tests/support/ScopedEnv.h"
 
 namespace {
 
+using vigil_test::ScopedEnv;
 using Osb::MessageLanguage;
 
-// Sets or clears one environment variable for a scope and puts back what was there.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) previous_ = old;
-        if (value != nullptr) {
-            setenv(name, value, 1);
-        } else {
-            unsetenv(name);
-        }
-    }
-    ~ScopedEnv() {
-        if (previous_) {
-            setenv(name_, previous_->c_str(), 1);
-        } else {
-            unsetenv(name_);
-        }
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-  private:
-    const char* name_;
-    std::optional<std::string> previous_;
-};
 
 struct EnglishRow {
     uint32_t id;

@@ -18,34 +18,13 @@
 #include "platform/SysLog.h"
 #include "platform/Utf.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/ScopedEnv.h"
 
 namespace {
 
+using vigil_test::ScopedEnv;
 namespace fs = std::filesystem;
 
-// Sets or clears one environment variable for a scope and puts back what was there.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) previous_ = old;
-        set(value);
-    }
-    ~ScopedEnv() { set(previous_ ? previous_->c_str() : nullptr); }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-    void set(const char* value) {
-        if (value != nullptr) {
-            setenv(name_, value, 1);
-        } else {
-            unsetenv(name_);
-        }
-    }
-
-  private:
-    const char* name_;
-    std::optional<std::string> previous_;
-};
 
 constexpr char kException[] =
     "0xE0000A0F Orvanta Vigil Watch Service has terminated because of an unexpected exception.";

@@ -11,36 +11,13 @@
 #include "platform/ErrorCode.h"
 #include "platform/SystemRoot.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/ScopedEnv.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 namespace Err = Osb::Err;
 
-// Sets or clears VIGIL_SYSTEM_ROOT for a scope and puts back what was there.
-class ScopedRootVariable {
-  public:
-    explicit ScopedRootVariable(const char* value) {
-        if (const char* old = std::getenv("VIGIL_SYSTEM_ROOT")) previous_ = old;
-        if (value != nullptr) {
-            setenv("VIGIL_SYSTEM_ROOT", value, 1);
-        } else {
-            unsetenv("VIGIL_SYSTEM_ROOT");
-        }
-    }
-    ~ScopedRootVariable() {
-        if (previous_) {
-            setenv("VIGIL_SYSTEM_ROOT", previous_->c_str(), 1);
-        } else {
-            unsetenv("VIGIL_SYSTEM_ROOT");
-        }
-    }
-    ScopedRootVariable(const ScopedRootVariable&) = delete;
-    ScopedRootVariable& operator=(const ScopedRootVariable&) = delete;
-
-  private:
-    std::optional<std::string> previous_;
-};
 
 TEST(SystemRootTest, RootComesFromTheEnvironmentWithoutTrailingSlash) {
     struct Row {
@@ -57,7 +34,7 @@ TEST(SystemRootTest, RootComesFromTheEnvironmentWithoutTrailingSlash) {
         {"/srv/root//", "/srv/root"},
     };
     for (const Row& row : rows) {
-        ScopedRootVariable variable(row.variable);
+        vigil_test::ScopedEnv variable("VIGIL_SYSTEM_ROOT", row.variable);
         EXPECT_EQ(Osb::SystemRoot(), row.root) << (row.variable ? row.variable : "(unset)");
         EXPECT_EQ(Osb::CommonAppDataFolder(), row.root + "/var/lib");
     }

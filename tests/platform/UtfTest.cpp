@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/Utf.h"
+#include "tests/support/Hex.h"
 
 namespace {
 
@@ -33,15 +34,7 @@ std::string Show(const std::string& bytes) {
     return out;
 }
 
-std::string Show(const std::u16string& units) {
-    std::string out;
-    char buffer[6];
-    for (char16_t u : units) {
-        std::snprintf(buffer, sizeof(buffer), "%04X ", static_cast<unsigned>(u));
-        out += buffer;
-    }
-    return out;
-}
+std::string Show(const std::u16string& units) { return vigil_test::Hex(units); }
 
 struct Pair {
     const char* what;
@@ -108,16 +101,6 @@ TEST(UtfTest, ConvertsBothWaysByTheTable) {
         EXPECT_EQ(Show(Osb::Utf8ToUtf16(row.bytes)), Show(row.units)) << row.what;
         EXPECT_EQ(Show(Osb::Utf16ToUtf8(row.units)), Show(row.bytes)) << row.what;
     }
-}
-
-TEST(UtfTest, HighSurrogateBeforeLowSurrogateEncodesAsOneCharacter) {
-    // Two units that form a pair are one character, written in four bytes, never as two halves.
-    EXPECT_EQ(Osb::Utf16ToUtf8(Units({0xD83D, 0xDE00})), Bytes({0xF0, 0x9F, 0x98, 0x80}));
-    // A lone high before a lone high, and a low before a high, do not pair.
-    EXPECT_EQ(Osb::Utf16ToUtf8(Units({0xDBFF, 0xDBFF})),
-              Bytes({0xED, 0xAF, 0xBF, 0xED, 0xAF, 0xBF}));
-    EXPECT_EQ(Osb::Utf16ToUtf8(Units({0xDFFF, 0xD800})),
-              Bytes({0xED, 0xBF, 0xBF, 0xED, 0xA0, 0x80}));
 }
 
 // Draws bytes that make interesting sequences likely: lead bytes of every length, continuation
