@@ -17,6 +17,7 @@
 #include "tests/e2e/ServerFixture.h"
 #include "tools/client/AgentConnection.h"
 #include "tools/client/ClientCodec.h"
+#include "tests/support/PollUntil.h"
 
 namespace vigil_test {
 namespace {
@@ -37,15 +38,7 @@ vigil_client::Guid MakeGuid(uint8_t seed) {
 
 void Touch(const std::string& path) { std::ofstream(path) << "x"; }
 
-// Polls `done` until it holds or the deadline passes; the last result.
-bool PollUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
+bool PollUntil(const std::function<bool()>& done) { return vigil_test::PollUntil(done, kDeadline); }
 
 class WatchE2eTest : public ServerFixture {
   protected:

@@ -16,10 +16,8 @@ TEST(LocaleUtilTest, FindsRowIgnoringAsciiCase) {
         const char* name;
         uint32_t row;
     } cases[] = {
-        {"en_US", 58},  {"EN_us", 58},   {"en_us", 58},   {"", 0},        {"af_za", 1},
-        {"es_ES", 68},  {"az_AZ", 21},   {"bs_BA", 30},   {"iu_CA", 112}, {"sr_BA", 174},
-        {"sr_CS", 176}, {"uz_UZ", 194},  {"zh_CN", 201},  {"zh_TW", 205}, {"zu_ZA", 206},
-        {"ARN_CL", 19}, {"smj_SE", 168}, {"wen_de", 197},
+        {"en_US", 58}, {"EN_us", 58},   {"en_us", 58},   {"", 0},       {"af_za", 1},
+        {"zu_ZA", 206}, {"ARN_CL", 19}, {"smj_SE", 168}, {"wen_de", 197},
     };
     for (const auto& c : cases) EXPECT_EQ(LocaleIndexFromName(c.name), c.row) << c.name;
 }

@@ -26,20 +26,13 @@
 #include "platform/Utf.h"
 #include "platform/posix/ServiceFiles.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/PollUntil.h"
 
 namespace {
 
 using namespace Osb;
 
-bool PollUntil(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-        usleep(2000);  // a poll interval, not a synchronisation: the condition decides
-    }
-    return true;
-}
+using vigil_test::PollUntil;
 
 class ServiceProcessTest : public ::testing::Test {
 protected:

@@ -60,12 +60,6 @@ TEST_F(SysLogTest, EventFileHoldsOneLinePerEventWithInsertsAndFoldedBreaks) {
     };
     const Row rows[] = {
         {0x20000A0A, {}, "0x20000A0A Orvanta Vigil Watch Service has Started."},
-        {0x20000A0D, {}, "0x20000A0D Orvanta Vigil Watch Service has Stopped."},
-        {0x22020A02, {}, "0x22020A02 Tracks files that are managed by Orvanta Mirelle Studio"},
-        {0xE0000A10,
-         {},
-         "0xE0000A10 Orvanta Vigil Watch Service has determined that the message received from "
-         "the client has an invalid protocol header"},
         {0xE0000A0F, {u"Bad cache file"}, std::string(kException) + " Bad cache file"},
         // Line breaks of the insert fold as the text's own do; a lone CR or LF too.
         {0xE0000A0F, {u"first\r\nsecond"}, std::string(kException) + " first second"},
@@ -79,7 +73,6 @@ TEST_F(SysLogTest, EventFileHoldsOneLinePerEventWithInsertsAndFoldedBreaks) {
         // An id without a text is the id alone, in upper-case hex with eight digits.
         {5, {}, "0x00000005"},
         {1060, {u"ignored"}, "0x00000424"},
-        {0xFFFFFFFF, {}, "0xFFFFFFFF"},
     };
     std::vector<std::string> expected;
     for (const Row& row : rows) {

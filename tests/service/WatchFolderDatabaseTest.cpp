@@ -15,6 +15,7 @@
 #include "service/VigilWatchFolderDatabase.h"
 #include "service/VigilWatchOnChanges.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/PollUntil.h"
 
 namespace {
 
@@ -28,12 +29,7 @@ const Guid kOne{{1}};
 const Guid kTwo{{2}};
 
 bool PollUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
+    return vigil_test::PollUntil(done, std::chrono::seconds(10));
 }
 
 class WatchFolderDatabaseTest : public ::testing::Test {
