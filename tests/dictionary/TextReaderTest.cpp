@@ -95,7 +95,6 @@ TEST(TextReaderTest, EachEncodingSplitsLinesOnItsLineEnds) {
         {u"a\n\n\nb\r", {u"a", u"", u"", u"b"}, false},
         {u"\n", {u""}, false},
         {u"a\u2028b\u2029c", {u"a", u"b", u"c"}, true},
-        {u"ab", {u"ab"}, false},
     };
     for (const Case& c : cases) {
         for (Encoding e : {Encoding::kLittle, Encoding::kBig, Encoding::kMultibyte}) {

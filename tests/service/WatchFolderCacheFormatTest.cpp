@@ -8,17 +8,14 @@
 #include "platform/Utf.h"
 #include "service/VigilWatchFolderCacheFormat.h"
 #include "tests/support/Utf16Le.h"
+#include "tests/service/SequenceGuid.h"
 
 namespace {
 
 using Vigil::Watch::Guid;
 using Vigil::Watch::WatchedFolder;
 
-Guid SequenceGuid() {
-    Guid guid;
-    for (uint8_t i = 0; i < 16; ++i) guid.bytes[i] = static_cast<uint8_t>(i * 0x11);
-    return guid;
-}
+using vigil_test::SequenceGuid;
 
 using vigil_test::Utf16Le;
 

@@ -15,6 +15,7 @@
 #include "service/VigilWatchFolderCache.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/Utf16Le.h"
+#include "tests/service/SequenceGuid.h"
 
 namespace {
 
@@ -26,11 +27,7 @@ using Vigil::Watch::WatchedFolder;
 const std::u16string kGuidText = u"33221100-5544-7766-9988-BBAAFFEEDDCC";
 const std::u16string kGuidWords = u"33221100 77665544 BBAA9988 FFEEDDCC";  // the same GUID, older
 
-Guid SequenceGuid() {
-    Guid guid;
-    for (uint8_t i = 0; i < 16; ++i) guid.bytes[i] = static_cast<uint8_t>(i * 0x11);
-    return guid;
-}
+using vigil_test::SequenceGuid;
 
 std::u16string W(const std::string& text) { return Osb::Utf8ToUtf16(text); }
 
