@@ -21,11 +21,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -189,14 +191,18 @@ class Bench {
     Osb::SmartPointer<Osb::IoDevicePipeServer> server_;
 };
 
-// Collects with clear until `want` distinct names are in or 10 s pass; distinct names counted.
+// One GetChanges with clear; the names go into `seen`.
+void CollectOnce(AgentConnection& client, std::unordered_set<std::string>& seen) {
+    for (auto& folder : client.getChanges(true)) {
+        for (auto& name : folder.names) seen.insert(std::move(name));
+    }
+}
+
+// Collects with clear until `want` distinct names are in or `deadline` passes; distinct names
+// counted.
 size_t Collect(AgentConnection& client, std::unordered_set<std::string>& seen, size_t want,
                Clock::time_point deadline) {
-    while (seen.size() < want && Clock::now() < deadline) {
-        for (auto& folder : client.getChanges(true)) {
-            for (auto& name : folder.names) seen.insert(std::move(name));
-        }
-    }
+    while (seen.size() < want && Clock::now() < deadline) CollectOnce(client, seen);
     return seen.size();
 }
 
@@ -219,20 +225,29 @@ void Bench::burst(int files, bool spread) {
     client->addFolders({spread, true, false}, {dir});
     settle();
     std::unordered_set<std::string> seen;
-    std::atomic<bool> writing{true};
+    std::mutex doneMutex;
+    std::condition_variable doneCondition;
+    bool writing = true;
     WriterRun withService;
     const double processCpu0 = CpuSeconds(RUSAGE_SELF);
     double clientCpu = 0;
     std::thread writer([&] {
         withService = Write(dir, files, spread);
+        std::lock_guard<std::mutex> lock(doneMutex);
         writing = false;
+        doneCondition.notify_one();
     });
     {
         const double clientCpu0 = CpuSeconds(RUSAGE_THREAD);
-        // Collected as it comes, paced, so the replies stay small.
-        while (writing) {
-            Collect(*client, seen, SIZE_MAX, Clock::now());
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // Collected as it comes, paced every 20 ms so the replies stay small; the pause ends at
+        // once when the writer is done, so the figure below is not the pacing's.
+        for (;;) {
+            CollectOnce(*client, seen);
+            std::unique_lock<std::mutex> lock(doneMutex);
+            if (!doneCondition.wait_for(lock, std::chrono::milliseconds(20),
+                                        [&] { return !writing; }))
+                continue;
+            break;
         }
         writer.join();
         Collect(*client, seen, size_t(files), Clock::now() + std::chrono::seconds(10));
