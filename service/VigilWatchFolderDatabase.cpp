@@ -104,16 +104,26 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
 
 void Database::addChanges(const Guid& guid, const std::u16string& folder,
                           const std::vector<std::u16string>& names) {
+    addChanges(guid, folder, std::vector<std::u16string>(names));
+}
+
+void Database::addChanges(const Guid& guid, const std::u16string& folder,
+                          std::vector<std::u16string>&& names) {
     Osb::MutexLock lock(mutex_);
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
         std::vector<std::u16string>& list = it->second.names;
-        list.insert(list.end(), names.begin(), names.end());
+        if (list.empty()) {
+            list = std::move(names);  // the batch's own storage becomes the list
+        } else {
+            list.insert(list.end(), std::make_move_iterator(names.begin()),
+                        std::make_move_iterator(names.end()));
+        }
         return;
     }
     // Behind the client's other records: a multimap inserts equal keys at the end of their range.
-    pending_.insert({guid, PendingRecord{folder, names}});
+    pending_.insert({guid, PendingRecord{folder, std::move(names)}});
 }
 
 void Database::removeChanges(const Guid& guid, const std::u16string& folder,

@@ -66,9 +66,12 @@ class Database {
     // was when the folder has no pending record.
     void getChanges(const Guid& guid, const std::u16string& folder,
                     std::vector<std::u16string>& names, bool clear);
-    // Appends `names` to the folder's pending list, making the record when missing.
+    // Appends `names` to the folder's pending list, making the record when missing. The second
+    // form takes the names over instead of copying them.
     void addChanges(const Guid& guid, const std::u16string& folder,
                     const std::vector<std::u16string>& names);
+    void addChanges(const Guid& guid, const std::u16string& folder,
+                    std::vector<std::u16string>&& names);
     // Takes every occurrence of each name off the folder's list; an empty list then goes.
     void removeChanges(const Guid& guid, const std::u16string& folder,
                        const std::vector<std::u16string>& names);

@@ -93,8 +93,8 @@ void Thread::beginWatch(const Guid& guid, const std::u16string& path,
     Osb::HDirectory handle = Osb::OpenDirectoryForWatch(path);
     if (handle == nullptr) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
 
-    // Default-initialised: the 64 KiB buffer is left untouched until the system fills it, so an idle
-    // watch costs no resident memory for it.
+    // Not value-initialised: the 64 KiB buffer is written by the backend before it is read, and
+    // an idle watch costs no resident memory for it.
     std::unique_ptr<ReadRecord> record(new ReadRecord);
     record->handle = handle;
     record->guid = guid;
@@ -124,11 +124,14 @@ bool Thread::issue(ReadRecord* record) {
     return true;
 }
 
-bool Thread::issueNextRead(ReadRecord* next) {
+bool Thread::issueNextRead(ReadRecord* record) {
     Osb::MutexLock lock(mutex_);
     if (stopRequested_) return false;
     for (const ActiveWatch& watch : active_) {
-        if (watch.serial == next->serial) return issue(next);
+        if (watch.serial != record->serial) continue;
+        if (!issue(record)) return false;
+        --liveRecords_;  // the same record, already counted: it stays live
+        return true;
     }
     return false;  // stopped while its last read was completing: the handle is gone
 }

@@ -37,6 +37,7 @@ struct ActiveWatch {
 };
 
 // The block of one read, owned by the outstanding read from issue until its completion has run.
+// A watch keeps one record for its whole chain: the completion issues it again as the next read.
 struct ReadRecord {
     static constexpr uint32_t kBufferBytes = 0x10000;
 
@@ -68,11 +69,12 @@ class Thread : public Osb::Thread {
     // were outstanding have completed, so no record outlives the thread.
     void stopAll();
 
-    // From a completion on the watch thread: issues `next` (a copy of a finished record) as the
-    // watch's next read, if that watch is still active. The thread lock is held across the issue,
-    // so a concurrent stopWatch cannot close the handle under it. Returns false, with `next` left
-    // to the caller, when the watch has been stopped or the read cannot be issued.
-    bool issueNextRead(ReadRecord* next);
+    // From a completion on the watch thread: issues `record`, whose read has just completed and
+    // been dealt with, again as the watch's next read, if that watch is still active. The thread
+    // lock is held across the issue, so a concurrent stopWatch cannot close the handle under it.
+    // Returns false, with `record` left to the caller (to release), when the watch has been
+    // stopped or the read cannot be issued.
+    bool issueNextRead(ReadRecord* record);
     // From a completion on the watch thread: the record is done with.
     void releaseRecord(ReadRecord* record);
 

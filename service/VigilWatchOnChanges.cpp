@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <memory>
 
 #include "platform/Exception.h"
 #include "platform/Utf.h"
@@ -57,9 +56,8 @@ std::vector<NamedChange> DecodeNotifyBuffer(const uint8_t* buffer, uint32_t byte
 }
 
 void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* overlapped) {
-    std::unique_ptr<ReadRecord, void (*)(ReadRecord*)> record(
-        static_cast<ReadRecord*>(overlapped->context),
-        [](ReadRecord* done) { done->thread->releaseRecord(done); });
+    auto* record = static_cast<ReadRecord*>(overlapped->context);
+    Thread& thread = *record->thread;
     Database& database = *record->database;
 
     if (errorCode != 0) {
@@ -67,26 +65,12 @@ void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* ove
         Guarded(*record, "removing the folder", [&] {
             database.removeFolders(record->guid, {WatchedFolder{record->path, FolderOptions{}}});
         });
+        thread.releaseRecord(record);
         return;
     }
-    if (bytes == 0) return;  // closed, or overflowed: the chain of this watch ends here
-
-    // The next read goes out before this buffer is looked at, so the system has somewhere to
-    // put what comes meanwhile. A copy of everything but the buffer.
-    try {
-        std::unique_ptr<ReadRecord> next(new ReadRecord);  // buffer left unzeroed, as above
-        next->handle = record->handle;
-        next->guid = record->guid;
-        next->path = record->path;
-        next->watchSubtree = record->watchSubtree;
-        next->reportChanged = record->reportChanged;
-        next->reportRemoved = record->reportRemoved;
-        next->database = record->database;
-        next->thread = record->thread;
-        next->serial = record->serial;
-        if (record->thread->issueNextRead(next.get())) next.release();
-    } catch (const std::exception&) {
-        // No memory for the next record: the chain ends after this batch, as for a failed issue.
+    if (bytes == 0) {  // closed, or overflowed: the chain of this watch ends here
+        thread.releaseRecord(record);
+        return;
     }
 
     ChangeBatch batch;
@@ -100,18 +84,29 @@ void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* ove
     } catch (const std::exception& error) {
         std::fprintf(stderr, "watch of %s: batch lost: %s\n",
                      Osb::Utf16ToUtf8(record->path).c_str(), error.what());
-        return;
+        batch = ChangeBatch{};
     }
     // Additions before removals: a name made and deleted in one batch does not stay on the list
     // of a folder that drops removed names.
     if (!batch.added.empty()) {
         Guarded(*record, "adding changes",
-                [&] { database.addChanges(record->guid, record->path, batch.added); });
+                [&] { database.addChanges(record->guid, record->path, std::move(batch.added)); });
     }
     if (!batch.dropped.empty()) {
         Guarded(*record, "removing changes",
                 [&] { database.removeChanges(record->guid, record->path, batch.dropped); });
     }
+
+    // The next read goes out only now, in the same record: the backend keeps every change that
+    // comes meanwhile and hands them over whole with this read, so a burst reaches the database
+    // in a few large batches instead of one batch per change, and no buffer is made per batch.
+    bool reissued = false;
+    try {
+        reissued = thread.issueNextRead(record);
+    } catch (const std::exception&) {
+        // No memory to issue the read: the chain ends after this batch, as for a failed issue.
+    }
+    if (!reissued) thread.releaseRecord(record);
 }
 
 }  // namespace Vigil::Watch

@@ -2,8 +2,8 @@
 // watch's read chain going and turns a finished batch into calls on the watch's Database:
 //   - an error: the folder has gone; removeFolders for it, no next read;
 //   - zero bytes: a close or an overflow; the chain ends, nothing is reported;
-//   - otherwise: the next read is issued first, then the batch is filtered (FilterChanges) and
-//     reported with one addChanges and then one removeChanges.
+//   - otherwise: the batch is filtered (FilterChanges) and reported with one addChanges and then
+//     one removeChanges; then the same record goes out as the watch's next read.
 // Runs on the watch thread only, inside its wait, with the thread lock released.
 #pragma once
 

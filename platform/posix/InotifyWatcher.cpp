@@ -7,6 +7,12 @@
 // completed at once when events are waiting, or as soon as one arrives; events that come while the
 // reader's client is busy pile up and go out as one batch with its next read.
 //
+// Delivery adapts to the load. The reader completes reads once per drain of the kernel queue, not
+// per event. When a drain finds only handles with no read outstanding (their clients are busy with
+// the previous batch), a burst is under way: the reader lets the kernel queue fill for a moment
+// (kGatherPauseMilliseconds) instead of waking for every event. An idle handle's read still completes as soon
+// as its event is read.
+//
 // Locks: `lifecycle` serialises starting and stopping the reader thread and is taken first;
 // `mutex` guards all other state here, that of every handle included. Neither is held while a
 // completion runs: completions are queued as APCs to the issuing thread. The reader thread runs
@@ -63,6 +69,7 @@ struct DirectoryHandleState {
     std::deque<Change> pending;
     // The end of the handle's changes: 0 none, else an error code, or kOverflow.
     uint32_t end = 0;
+    bool touched = false;  // has events from the drain under way; finished at its end
     // The outstanding read, if any.
     bool reading = false;
     uint8_t* buffer = nullptr;
@@ -75,6 +82,11 @@ struct DirectoryHandleState {
 namespace {
 
 constexpr uint32_t kOverflow = 0xFFFFFFFF;
+
+// How long the reader leaves the kernel queue alone during a burst. Short against the time a
+// client may wait for a name, long against one event; the kernel queue holds 16,384 events by
+// default, far more than a writer makes in this time.
+constexpr int kGatherPauseMilliseconds = 1;
 
 class Watcher {
 public:
@@ -92,13 +104,18 @@ public:
 private:
     bool ensureStarted();  // REQUIRES: lifecycle and mutex
     void readerLoop();
-    void onEvent(const inotify_event& event, std::vector<Completion>& out);  // REQUIRES: mutex
+    // Files one event with its handles, marking them touched. REQUIRES: mutex
+    void onEvent(const inotify_event& event, std::vector<Completion>& out);
+    // Drains the kernel queue and completes the reads it can. Returns whether events were read
+    // that no outstanding read could take. REQUIRES: mutex
+    bool drain(std::vector<Completion>& out);
     // Watches `relative` (a directory below h's root, "" for the root) and, for a subtree, every
     // directory below it; with `report`, its entries are filed as created. Returns 0 or a code.
     uint32_t watchTree(HDirectory h, const std::string& relative, bool report);
     void unwatch(HDirectory h, int wd);
     void unwatchBelow(HDirectory h, const std::string& relative);
     void finish(HDirectory h, std::vector<Completion>& out);  // completes a read that can be
+    void markTouched(HDirectory h);  // REQUIRES: mutex
 
     std::mutex lifecycle;
     std::mutex mutex;
@@ -108,6 +125,9 @@ private:
     bool stopRequested = false;  // guarded by mutex
     size_t openHandles = 0;      // guarded by mutex
     std::unordered_map<int, std::vector<HDirectory>> subscribers;  // wd -> handles
+    // Reader thread only, under mutex: the handles of the event being filed, and of the drain.
+    std::vector<HDirectory> eventHandles;
+    std::vector<HDirectory> touchedHandles;
 };
 
 void QueueAll(std::vector<Completion>& completions) {
@@ -210,6 +230,7 @@ void Watcher::unwatchBelow(HDirectory h, const std::string& relative) {
 bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
                    DirectoryOverlapped* o, DirectoryCompletion routine) {
     std::vector<Completion> out;
+    uint32_t failure = 0;
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (h->reading) {
@@ -217,23 +238,33 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
             return false;
         }
         if (!h->watching && h->end == 0) {
+            // Events already in the kernel queue happened before this handle watched anything.
+            // Filed now, they reach only the handles that were watching then: this one may share
+            // their kernel watch, and would otherwise be handed changes older than itself.
+            drain(out);
             h->subtree = subtree;
             if (uint32_t error = watchTree(h, "", false)) {
                 unwatchBelow(h, "");
-                SetLastError(error);
-                return false;
+                failure = error;
+            } else {
+                h->watching = true;
             }
-            h->watching = true;
         }
-        h->reading = true;
-        h->buffer = static_cast<uint8_t*>(buffer);
-        h->length = length;
-        h->overlapped = o;
-        h->routine = routine;
-        h->target = CurrentApcTarget();
-        finish(h, out);
+        if (failure == 0) {
+            h->reading = true;
+            h->buffer = static_cast<uint8_t*>(buffer);
+            h->length = length;
+            h->overlapped = o;
+            h->routine = routine;
+            h->target = CurrentApcTarget();
+            finish(h, out);
+        }
     }
-    QueueAll(out);
+    QueueAll(out);  // also on failure: the drain may have completed other handles' reads
+    if (failure != 0) {
+        SetLastError(failure);  // last: QueueAll may touch the last error
+        return false;
+    }
     return true;
 }
 
@@ -289,23 +320,22 @@ void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) 
     }
     auto it = subscribers.find(event.wd);
     if (it == subscribers.end()) return;
-    std::vector<HDirectory> handles = it->second;  // watchTree below may change the map
-    for (HDirectory h : handles) {
+    eventHandles = it->second;  // watchTree below may change the map; the copy keeps its capacity
+    for (HDirectory h : eventHandles) {
         if (h->end != 0) continue;
         auto dir = h->dirs.find(event.wd);
         if (dir == h->dirs.end()) continue;
-        const std::string relativeDir = dir->second;
         bool isRoot = event.wd == h->rootWd;
         if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED)) {
             if (isRoot) {
                 h->end = Err::kFileNotFound;
+                markTouched(h);
             } else if (event.mask & (IN_IGNORED | IN_DELETE_SELF)) {
                 h->dirs.erase(event.wd);
             }
             continue;
         }
         if (event.len == 0) continue;
-        std::string name = relativeDir + event.name;
         bool isDir = (event.mask & IN_ISDIR) != 0;
         uint32_t action = 0;
         if (event.mask & IN_CREATE) action = FileAction::kAdded;
@@ -314,35 +344,67 @@ void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) 
         else if (event.mask & IN_MOVED_FROM) action = FileAction::kRenamedOldName;
         else if (event.mask & IN_MOVED_TO) action = FileAction::kRenamedNewName;
         if (action == 0) continue;
+        // Built before watchTree below can change h->dirs under `dir`.
+        std::string name = dir->second + event.name;
+        markTouched(h);
+        if (!h->subtree || !isDir) {
+            h->pending.push_back({action, std::move(name)});
+            continue;
+        }
         h->pending.push_back({action, name});
-        if (!h->subtree || !isDir) continue;
         if (action == FileAction::kRenamedOldName) unwatchBelow(h, name + "/");
         if (action == FileAction::kAdded || action == FileAction::kRenamedNewName) {
             // Whatever was made in the new directory before its watch existed is reported now.
             if (uint32_t error = watchTree(h, name + "/", true)) h->end = error;
         }
     }
-    for (HDirectory h : handles) finish(h, out);
+}
+
+void Watcher::markTouched(HDirectory h) {
+    if (h->touched) return;
+    h->touched = true;
+    touchedHandles.push_back(h);
+}
+
+bool Watcher::drain(std::vector<Completion>& out) {
+    alignas(inotify_event) char buffer[64 * 1024];
+    size_t filed = 0;
+    for (;;) {
+        ssize_t got = ::read(inotifyFd, buffer, sizeof(buffer));
+        if (got <= 0) break;
+        for (ssize_t at = 0; at < got;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+            onEvent(*event, out);
+            ++filed;
+            at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        }
+    }
+    bool delivered = false;
+    for (HDirectory h : touchedHandles) {
+        h->touched = false;
+        const size_t before = out.size();
+        finish(h, out);
+        delivered = delivered || out.size() > before;
+    }
+    touchedHandles.clear();
+    return filed > 0 && !delivered;
 }
 
 void Watcher::readerLoop() {
-    alignas(inotify_event) char buffer[64 * 1024];
+    bool gather = false;
     for (;;) {
+        if (gather) {
+            // A burst: only a stop ends the pause early.
+            pollfd wake = {wakeFd, POLLIN, 0};
+            ::poll(&wake, 1, kGatherPauseMilliseconds);
+        }
         pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
         std::vector<Completion> out;
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (stopRequested) return;
-            for (;;) {
-                ssize_t got = ::read(inotifyFd, buffer, sizeof(buffer));
-                if (got <= 0) break;
-                for (ssize_t at = 0; at < got;) {
-                    const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-                    onEvent(*event, out);
-                    at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-                }
-            }
+            gather = drain(out);
         }
         QueueAll(out);
     }

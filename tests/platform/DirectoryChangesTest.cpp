@@ -248,6 +248,32 @@ TEST_F(DirectoryChangesTest, TwoHandlesOnOneFolderBothSeeAndOneCloseSparesTheOth
     EXPECT_EQ(second.decode().front(), (Change{kAdded, "after"}));
 }
 
+// A second handle shares the first one's kernel watch. Changes made before its first read may
+// still wait in the kernel queue then (the first handle is busy, so the backend is gathering);
+// they belong to the first handle alone, which still gets every one of them.
+TEST_F(DirectoryChangesTest, LaterHandleOnAWatchedFolderGetsNoOlderChanges) {
+    Watch first(folder_, false);
+    ASSERT_TRUE(first.issue());
+    Touch(folder_ + "/warm");
+    ASSERT_TRUE(first.wait());  // no read outstanding from here on: a busy client
+    std::set<Change> before;
+    for (int i = 0; i < 2000; ++i) {
+        const std::string name = "before-" + std::to_string(i);
+        Touch(folder_ + "/" + name);
+        before.insert({kAdded, name});
+    }
+    Watch second(folder_, false);
+    ASSERT_TRUE(second.issue());
+    Touch(folder_ + "/after");
+    ASSERT_TRUE(second.wait());
+    std::vector<Change> seen = second.decode();
+    EXPECT_EQ(seen, (std::vector<Change>{{kAdded, "after"}}));
+
+    std::set<Change> got;
+    for (const Change& c : first.collectUntil(before, 20000)) got.insert(c);
+    for (const Change& c : before) EXPECT_TRUE(got.count(c)) << c.name;
+}
+
 TEST_F(DirectoryChangesTest, OpeningWhatIsNoFolderFails) {
     Touch(folder_ + "/file");
     EXPECT_EQ(Osb::OpenDirectoryForWatch(Osb::Utf8ToUtf16(folder_ + "/missing")), nullptr);
