@@ -13,6 +13,7 @@
 #include "platform/ErrorCode.h"
 #include "platform/SystemRoot.h"
 #include "platform/Utf.h"
+#include "platform/posix/FdIo.h"
 
 namespace Osb {
 
@@ -91,34 +92,9 @@ int32_t ReadValueFile(const std::string& path, std::string& text) {
         return Code(Err::kFileNotFound);
     }
     text.clear();
-    char buffer[4096];
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, sizeof(buffer));
-        if (got == 0) break;
-        if (got < 0) {
-            if (errno == EINTR) continue;
-            const int32_t status = Code(SetLastErrorFromErrno(errno));
-            ::close(fd);
-            return status;
-        }
-        text.append(buffer, static_cast<size_t>(got));
-    }
+    const int err = posix::ReadAll(fd, text);
     ::close(fd);
-    return 0;
-}
-
-bool WriteAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t put = ::write(fd, text.data() + done, text.size() - done);
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) {
-            if (put == 0) errno = ENOSPC;
-            return false;
-        }
-        done += static_cast<size_t>(put);
-    }
-    return true;
+    return err == 0 ? 0 : Code(SetLastErrorFromErrno(err));
 }
 
 // Writes `text` to `path` through a temporary file in the same folder and a rename, so that a
@@ -127,7 +103,7 @@ int32_t ReplaceFile(const std::string& path, const std::string& text) {
     std::string temporary = ParentOf(path) + "/.~value.XXXXXX";
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) return MissingAsNotFound(errno);
-    bool ok = ::fchmod(fd, 0644) == 0 && WriteAll(fd, text) && ::fsync(fd) == 0;
+    bool ok = ::fchmod(fd, 0644) == 0 && posix::WriteAll(fd, text) && ::fsync(fd) == 0;
     int err = errno;
     if (::close(fd) != 0 && ok) {
         ok = false;

@@ -15,6 +15,7 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/SystemRoot.h"
+#include "platform/posix/FdIo.h"
 
 namespace Osb::Scm {
 
@@ -39,30 +40,9 @@ uint32_t ReadFile(const std::string& path, std::string& text) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return SetLastErrorFromErrno(errno, path.c_str());
     text.clear();
-    char buffer[4096];
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, sizeof(buffer));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) {
-            const uint32_t code = SetLastErrorFromErrno(errno);
-            ::close(fd);
-            return code;
-        }
-        if (got == 0) break;
-        text.append(buffer, static_cast<size_t>(got));
-    }
+    const int err = posix::ReadAll(fd, text);
     ::close(fd);
-    return Err::kSuccess;
-}
-
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t put = ::write(fd, text.data(), text.size());
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) return false;
-        text.remove_prefix(static_cast<size_t>(put));
-    }
-    return true;
+    return err == 0 ? Err::kSuccess : SetLastErrorFromErrno(err);
 }
 
 }  // namespace
@@ -194,7 +174,7 @@ uint32_t WriteRecord(const std::string& name, const ServiceRecord& record, bool 
     std::string temp = folder + "/.tmp-" + name + "-XXXXXX";
     const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
     if (fd < 0) return SetLastErrorFromErrno(errno, temp.c_str());
-    const bool written = WriteAll(fd, FormatRecord(record)) && ::fchmod(fd, 0644) == 0;
+    const bool written = posix::WriteAll(fd, FormatRecord(record)) && ::fchmod(fd, 0644) == 0;
     const int writeErr = errno;
     ::close(fd);
     if (!written) {
