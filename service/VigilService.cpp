@@ -3,8 +3,9 @@
 #include "platform/Console.h"
 #include "platform/ErrorCode.h"
 #include "platform/Exception.h"
+#include "platform/ModulePath.h"
 #include "service/VigilDataFolder.h"
-#include "service/VigilServiceSeams.h"
+#include "service/VigilServiceConfiguration.h"
 
 namespace Vigil {
 
@@ -14,7 +15,7 @@ const std::u16string kEventSource = u"Orvanta Vigil Watch 14.0";
 namespace {
 
 // The module path is read into a buffer of this many units, of which one is kept for the end.
-constexpr size_t kModulePathBuffer = 2048;
+constexpr uint32_t kModulePathBuffer = 2048;
 
 Osb::Mutex hostCallsMutex;
 ServiceHostCalls hostCalls OSB_GUARDED_BY(hostCallsMutex) = ServiceHostCalls::system();
@@ -53,10 +54,14 @@ Service::Service(std::u16string pipeName) : pipeName_(std::move(pipeName)) {
     current_.store(this, std::memory_order_release);
 
     try {
-        std::u16string path = ReadModulePath();
-        if (path.empty()) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
-        if (path.size() > kModulePathBuffer - 1) path.resize(kModulePathBuffer - 1);
-        ConfigureService(displayName_, description_);
+        // A longer path comes back cut to the buffer's size less the terminator.
+        std::u16string path(kModulePathBuffer, u'\0');
+        const uint32_t length = Osb::GetModuleFileNameW(path.data(), kModulePathBuffer);
+        if (length == 0) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
+        path.resize(length > kModulePathBuffer - 1 ? kModulePathBuffer - 1 : length);
+        ServiceTexts texts = ReadServiceTexts();
+        displayName_ = std::move(texts.displayName);
+        description_ = std::move(texts.description);
         modulePath_ = std::move(path);
     } catch (...) {
         // No destructor runs for a constructor that raises: withdraw the pointer here.

@@ -14,7 +14,7 @@
 #include "service/VigilDispatch.h"
 #include "service/VigilExceptions.h"
 #include "service/VigilService.h"
-#include "service/VigilServiceSeams.h"
+#include "service/VigilWatchFolderDatabase.h"
 
 namespace Vigil {
 
@@ -59,7 +59,7 @@ class StartedSteps {
         if (databaseOpen) {
             databaseOpen = false;
             try {
-                CloseWatchDatabase();
+                Watch::ProcessDatabase().close();
             } catch (const Osb::Exception&) {
                 // The stop goes on: a close that fails still leaves nothing to release here.
             }
@@ -165,7 +165,7 @@ int Service::run() {
     InitDispatch();
     steps.dispatchUp = true;
     const std::u16string folder = dataFolder();
-    OpenWatchDatabase(folder);
+    Watch::ProcessDatabase().open(folder);
     steps.databaseOpen = true;
     steps.accept = Osb::MakeSmart<ClientAccept>();
     steps.server = Osb::IoDevicePipeServer::Create(pipeName_, steps.accept);
