@@ -8,10 +8,7 @@
 // reader's client is busy pile up and go out as one batch with its next read.
 //
 // Delivery adapts to the load. The reader completes reads once per drain of the kernel queue, not
-// per event. When a drain finds only handles with no read outstanding (their clients are busy with
-// the previous batch), a burst is under way: the reader lets the kernel queue fill for a moment
-// (kGatherPauseMilliseconds) instead of waking for every event. An idle handle's read still completes as soon
-// as its event is read.
+// per event, and between drains it may pause so that a burst's events gather (DeliveryPause.h).
 //
 // Locks: `lifecycle` serialises starting and stopping the reader thread and is taken first;
 // `mutex` guards all other state here, that of every handle included. Neither is held while a
@@ -36,8 +33,12 @@
 #include "platform/DirectoryChanges.h"
 #include "platform/ErrorCode.h"
 #include "platform/Utf.h"
+#include "platform/posix/DeliveryPause.h"
 
 namespace Osb {
+
+using detail::DrainResult;
+using detail::NextPause;
 
 namespace {
 
@@ -83,11 +84,6 @@ namespace {
 
 constexpr uint32_t kOverflow = 0xFFFFFFFF;
 
-// How long the reader leaves the kernel queue alone during a burst. Short against the time a
-// client may wait for a name, long against one event; the kernel queue holds 16,384 events by
-// default, far more than a writer makes in this time.
-constexpr int kGatherPauseMilliseconds = 1;
-
 class Watcher {
 public:
     static Watcher& instance() {
@@ -106,9 +102,8 @@ private:
     void readerLoop();
     // Files one event with its handles, marking them touched. REQUIRES: mutex
     void onEvent(const inotify_event& event, std::vector<Completion>& out);
-    // Drains the kernel queue and completes the reads it can. Returns whether events were read
-    // that no outstanding read could take. REQUIRES: mutex
-    bool drain(std::vector<Completion>& out);
+    // Drains the kernel queue and completes the reads it can. REQUIRES: mutex
+    DrainResult drain(std::vector<Completion>& out);
     // Watches `relative` (a directory below h's root, "" for the root) and, for a subtree, every
     // directory below it; with `report`, its entries are filed as created. Returns 0 or a code.
     uint32_t watchTree(HDirectory h, const std::string& relative, bool report);
@@ -366,16 +361,16 @@ void Watcher::markTouched(HDirectory h) {
     touchedHandles.push_back(h);
 }
 
-bool Watcher::drain(std::vector<Completion>& out) {
+DrainResult Watcher::drain(std::vector<Completion>& out) {
     alignas(inotify_event) char buffer[64 * 1024];
-    size_t filed = 0;
+    DrainResult result;
     for (;;) {
         ssize_t got = ::read(inotifyFd, buffer, sizeof(buffer));
         if (got <= 0) break;
         for (ssize_t at = 0; at < got;) {
             const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
             onEvent(*event, out);
-            ++filed;
+            ++result.events;
             at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
         }
     }
@@ -387,16 +382,18 @@ bool Watcher::drain(std::vector<Completion>& out) {
         delivered = delivered || out.size() > before;
     }
     touchedHandles.clear();
-    return filed > 0 && !delivered;
+    result.undelivered = result.events > 0 && !delivered;
+    return result;
 }
 
 void Watcher::readerLoop() {
-    bool gather = false;
+    int64_t pause = 0;  // microseconds
     for (;;) {
-        if (gather) {
-            // A burst: only a stop ends the pause early.
+        if (pause > 0) {
+            // Only a stop ends the pause early.
+            const timespec timeout = {0, static_cast<long>(pause * 1000)};
             pollfd wake = {wakeFd, POLLIN, 0};
-            ::poll(&wake, 1, kGatherPauseMilliseconds);
+            ::ppoll(&wake, 1, &timeout, nullptr);
         }
         pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
@@ -404,7 +401,7 @@ void Watcher::readerLoop() {
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (stopRequested) return;
-            gather = drain(out);
+            pause = NextPause(pause, drain(out));
         }
         QueueAll(out);
     }
