@@ -171,7 +171,10 @@ HDirectory Watcher::open(const std::string& root) {
 
 uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool report) {
     std::string path = relative.empty() ? h->root : h->root + "/" + relative.substr(0, relative.size() - 1);
-    int wd = ::inotify_add_watch(inotifyFd, path.c_str(), kWatchMask);
+    // The folder itself is found as its path names it, through a symbolic link too, as opening a
+    // folder by path does; only the links met below it are not followed.
+    const uint32_t mask = relative.empty() ? kWatchMask & ~uint32_t{IN_DONT_FOLLOW} : kWatchMask;
+    int wd = ::inotify_add_watch(inotifyFd, path.c_str(), mask);
     if (wd < 0) {
         // A directory that went away meanwhile is no failure; a refused watch is.
         if (!relative.empty() && (errno == ENOENT || errno == ENOTDIR)) return 0;

@@ -274,6 +274,25 @@ TEST_F(DirectoryChangesTest, LaterHandleOnAWatchedFolderGetsNoOlderChanges) {
     for (const Change& c : before) EXPECT_TRUE(got.count(c)) << c.name;
 }
 
+// The folder named may itself be a symbolic link to a folder: it is watched like the folder,
+// as opening a folder by its path does. Links inside a subtree are still not followed.
+TEST_F(DirectoryChangesTest, FolderNamedThroughASymbolicLinkIsWatched) {
+    fs::create_directories(folder_ + "/real/inner");
+    fs::create_directory_symlink(folder_ + "/real", root_ / "alias");
+    fs::create_directory_symlink(folder_ + "/real/inner", folder_ + "/real/link");
+    Watch w(root_ / "alias/", true);
+    ASSERT_TRUE(w.opened());
+    ASSERT_TRUE(w.issue()) << Osb::ErrorCode();
+    Touch(folder_ + "/real/link/not-through-the-link");
+    Touch(folder_ + "/real/top");
+    ASSERT_TRUE(w.wait());
+    std::vector<Change> seen = w.collectUntil({{kAdded, "top"}});
+    std::set<Change> got(seen.begin(), seen.end());
+    EXPECT_TRUE(got.count({kAdded, "top"}));
+    EXPECT_TRUE(got.count({kAdded, "inner/not-through-the-link"}));
+    EXPECT_FALSE(got.count({kAdded, "link/not-through-the-link"}));
+}
+
 TEST_F(DirectoryChangesTest, OpeningWhatIsNoFolderFails) {
     Touch(folder_ + "/file");
     EXPECT_EQ(Osb::OpenDirectoryForWatch(Osb::Utf8ToUtf16(folder_ + "/missing")), nullptr);
