@@ -22,6 +22,7 @@
 // nothing made in it before its watch existed is missed. Symbolic links are not followed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -72,6 +73,10 @@ bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool
 
 // Closes the handle: an outstanding read completes with 0 bytes. Any thread.
 void CloseDirectory(HDirectory handle);
+
+// For tests: the directories the backend watches right now, over every open handle (a directory
+// watched by two handles counts once).
+size_t WatchedDirectoriesForTesting();
 
 // The attributes of `path` as the directory test sees them (from lstat): 0x10 directory, +0x400
 // symbolic link, +0x02 a last component beginning with '.', +0x01 owner may not write; 0x80 when

@@ -96,6 +96,10 @@ public:
     bool read(HDirectory h, void* buffer, uint32_t length, bool subtree, DirectoryOverlapped* o,
               DirectoryCompletion routine);
     void close(HDirectory h);
+    size_t watchedDirectories() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return subscribers.size();
+    }
 
 private:
     bool ensureStarted();  // REQUIRES: lifecycle and mutex
@@ -329,7 +333,9 @@ void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) 
                 h->end = Err::kFileNotFound;
                 markTouched(h);
             } else if (event.mask & (IN_IGNORED | IN_DELETE_SELF)) {
-                h->dirs.erase(event.wd);
+                // The kernel drops the watch of a deleted directory: the handle lets go of it
+                // entirely, so no subscriber entry outlives the handle (and meets a reused wd).
+                unwatch(h, event.wd);
             }
             continue;
         }
@@ -450,5 +456,7 @@ bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool
 }
 
 void CloseDirectory(HDirectory handle) { Watcher::instance().close(handle); }
+
+size_t WatchedDirectoriesForTesting() { return Watcher::instance().watchedDirectories(); }
 
 }  // namespace Osb

@@ -15,6 +15,7 @@
 #include "platform/ErrorCode.h"
 #include "platform/Sleep.h"
 #include "platform/Utf.h"
+#include "tests/support/PollUntil.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace {
@@ -291,6 +292,27 @@ TEST_F(DirectoryChangesTest, FolderNamedThroughASymbolicLinkIsWatched) {
     EXPECT_TRUE(got.count({kAdded, "top"}));
     EXPECT_TRUE(got.count({kAdded, "inner/not-through-the-link"}));
     EXPECT_FALSE(got.count({kAdded, "link/not-through-the-link"}));
+}
+
+// A directory deleted inside a subtree takes its kernel watch with it; the backend must let go
+// of it too, or it keeps a reference to the handle after the handle's close.
+TEST_F(DirectoryChangesTest, DeletedSubdirectoryLeavesNoWatchBehind) {
+    const size_t before = Osb::WatchedDirectoriesForTesting();
+    Watch w(folder_, true);
+    ASSERT_TRUE(w.issue());
+    fs::create_directories(folder_ + "/gone/deeper");
+    ASSERT_TRUE(w.wait());
+    w.collectUntil({{kAdded, "gone"}, {kAdded, "gone/deeper"}});
+    EXPECT_EQ(Osb::WatchedDirectoriesForTesting(), before + 3);
+    fs::remove_all(folder_ + "/gone");
+    ASSERT_TRUE(w.issue());
+    ASSERT_TRUE(w.wait());
+    w.collectUntil({{kRemoved, "gone"}});
+    EXPECT_TRUE(vigil_test::PollUntil(
+        [&] { return Osb::WatchedDirectoriesForTesting() == before + 1; },
+        std::chrono::seconds(5)));
+    w.close();
+    EXPECT_EQ(Osb::WatchedDirectoriesForTesting(), before);
 }
 
 TEST_F(DirectoryChangesTest, OpeningWhatIsNoFolderFails) {
