@@ -10,7 +10,8 @@
 //   - changes:             error 0, bytes > 0.
 //   - CloseDirectory:      error 0, bytes 0 (also for a read issued after the close).
 //   - kernel overflow:     error 0, bytes 0; the changes that did not fit are lost.
-//   - the folder deleted, moved away or unmounted: an error code (2), bytes 0.
+//   - the folder deleted, moved away or unmounted: an error code (2), bytes 0, once the changes
+//     held before it have been delivered.
 //   - a watch the kernel refuses (too many watches): an error code, never silence.
 // Changes that arrive while no read is outstanding are kept and delivered by the next read, over
 // as many reads as they need; only a kernel overflow loses any.

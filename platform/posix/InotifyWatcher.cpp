@@ -270,39 +270,38 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
     return true;
 }
 
-// Completes h's outstanding read when there is something to say: an end, or changes.
+// Completes h's outstanding read when there is something to say: changes, or an end. Changes
+// held when the folder went come first: the error ends the read after them. (An overflow and a
+// close drop what was held before they set the end.)
 void Watcher::finish(HDirectory h, std::vector<Completion>& out) {
     if (!h->reading) return;
     uint32_t error = 0, bytes = 0;
-    if (h->end != 0) {
-        error = h->end == kOverflow ? 0 : h->end;
-    } else if (!h->pending.empty()) {
-        uint8_t* previous = nullptr;
-        while (!h->pending.empty()) {
-            std::u16string name = Utf8ToUtf16(h->pending.front().name);
-            uint32_t nameBytes = static_cast<uint32_t>(name.size() * 2);
-            uint32_t recordBytes = (kFileNotifyHeaderBytes + nameBytes + 3) & ~3u;
-            if (recordBytes > h->length - bytes) {
-                // A name that could never fit is dropped rather than blocking every later one.
-                if (bytes == 0) h->pending.pop_front();
-                if (bytes == 0) continue;
-                break;
-            }
-            uint8_t* record = h->buffer + bytes;
-            uint32_t header[3] = {0, h->pending.front().action, nameBytes};
-            std::memcpy(record, header, sizeof(header));
-            std::memcpy(record + kFileNotifyHeaderBytes, name.data(), nameBytes);
-            if (previous) {
-                uint32_t next = static_cast<uint32_t>(record - previous);
-                std::memcpy(previous, &next, 4);
-            }
-            previous = record;
-            bytes += recordBytes;
-            h->pending.pop_front();
+    uint8_t* previous = nullptr;
+    while (!h->pending.empty()) {
+        std::u16string name = Utf8ToUtf16(h->pending.front().name);
+        uint32_t nameBytes = static_cast<uint32_t>(name.size() * 2);
+        uint32_t recordBytes = (kFileNotifyHeaderBytes + nameBytes + 3) & ~3u;
+        if (recordBytes > h->length - bytes) {
+            // A name that could never fit is dropped rather than blocking every later one.
+            if (bytes == 0) h->pending.pop_front();
+            if (bytes == 0) continue;
+            break;
         }
-        if (bytes == 0) return;
-    } else {
-        return;
+        uint8_t* record = h->buffer + bytes;
+        uint32_t header[3] = {0, h->pending.front().action, nameBytes};
+        std::memcpy(record, header, sizeof(header));
+        std::memcpy(record + kFileNotifyHeaderBytes, name.data(), nameBytes);
+        if (previous) {
+            uint32_t next = static_cast<uint32_t>(record - previous);
+            std::memcpy(previous, &next, 4);
+        }
+        previous = record;
+        bytes += recordBytes;
+        h->pending.pop_front();
+    }
+    if (bytes == 0) {
+        if (h->end == 0) return;
+        error = h->end == kOverflow ? 0 : h->end;
     }
     h->reading = false;
     out.push_back({h->target, h->routine, error, bytes, h->overlapped});

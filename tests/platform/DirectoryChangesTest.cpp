@@ -233,6 +233,34 @@ TEST_F(DirectoryChangesTest, DeletedFolderEndsTheReadWithAnError) {
     EXPECT_EQ(w.bytes(), 0u);
 }
 
+// Changes gathered while no read was outstanding are not lost when the folder goes: they come
+// first, and the read after them ends with the error.
+TEST_F(DirectoryChangesTest, ChangesHeldAtAnErrorEndAreDeliveredBeforeIt) {
+    Watch w(folder_, false);
+    Watch parent(root_.path(), false);  // sees the folder go only after the folder's own events
+    ASSERT_TRUE(w.issue());
+    ASSERT_TRUE(parent.issue());
+    Touch(folder_ + "/first");
+    ASSERT_TRUE(w.wait());  // no read outstanding from here on
+    Touch(folder_ + "/held");
+    fs::remove_all(folder_);
+    ASSERT_TRUE(parent.wait());
+    parent.collectUntil({{kRemoved, "watched"}});
+
+    ASSERT_TRUE(w.issue());
+    ASSERT_TRUE(w.wait());
+    EXPECT_EQ(w.error(), 0u);
+    ASSERT_GT(w.bytes(), 0u);
+    const std::vector<Change> held = w.decode();
+    EXPECT_EQ(std::set<Change>(held.begin(), held.end()),
+              (std::set<Change>{{kAdded, "held"}, {kRemoved, "held"}, {kRemoved, "first"}}));
+    EXPECT_EQ(held.front(), (Change{kAdded, "held"}));
+    ASSERT_TRUE(w.issue());
+    ASSERT_TRUE(w.wait());
+    EXPECT_NE(w.error(), 0u);
+    EXPECT_EQ(w.bytes(), 0u);
+}
+
 TEST_F(DirectoryChangesTest, TwoHandlesOnOneFolderBothSeeAndOneCloseSparesTheOther) {
     Watch first(folder_, false);
     Watch second(folder_, false);
