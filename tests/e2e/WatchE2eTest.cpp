@@ -326,5 +326,28 @@ TEST_F(WatchE2eTest, ShortLayoutForVersionZeroAndPathsGetTheirSeparator) {
     EXPECT_EQ(names, (Names{"y"}));  // x came off again: removals are not reported
 }
 
+// A file name that is not UTF-8 reaches the client as lone surrogates and matches when it comes
+// back; the directory test finds such a directory too. A watched folder that is a symbolic link
+// to a folder is watched like that folder.
+TEST_F(WatchE2eTest, NamesThatAreNotUtf8RoundTripAndALinkedFolderIsWatched) {
+    const std::string dir = folder("bytes");
+    const std::string link = root_->path() + "/watched/linked/";
+    fs::create_directory_symlink(dir, link.substr(0, link.size() - 1));
+    auto client = connect(1);
+    add(*client, {false, true, false}, {dir, link});
+
+    Touch(dir + "bad\xff.txt");
+    fs::create_directory(dir + "dir\xfe");  // a plain directory: not reported
+    Touch(dir + "end");
+    const Names expected{"bad\xff.txt", "end"};
+    EXPECT_EQ(settleTo(*client, dir, expected), expected);
+    EXPECT_EQ(settleTo(*client, link, expected), expected);
+
+    Bytes raw;
+    ASSERT_EQ(client->getChanges(false, &raw).size(), 2u);
+    client->removeChanges(raw);
+    EXPECT_TRUE(client->getChanges(false).empty());
+}
+
 }  // namespace
 }  // namespace vigil_test
