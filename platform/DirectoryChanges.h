@@ -19,8 +19,10 @@
 // Changes reported (the filter of file names, directory names and attributes): a name created
 // (1), deleted (2), its attributes changed (3), renamed from (4) and to (5). A content write alone
 // is not a change. A subtree watch covers every directory below the folder, also those made later:
-// when a new directory appears, its entries at that moment are reported as created too, so that
-// nothing made in it before its watch existed is missed. Symbolic links are not followed.
+// when a directory is created or moved in from outside, its entries at that moment are reported
+// as created too, so that nothing made in it before its watch existed is missed. A directory
+// renamed within the tree is its two names only, and stays watched under its new name. Symbolic
+// links below the folder are not followed.
 #pragma once
 
 #include <cstddef>

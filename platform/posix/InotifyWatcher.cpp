@@ -68,6 +68,10 @@ struct DirectoryHandleState {
     int rootWd = -1;
     std::unordered_map<int, std::string> dirs;  // wd -> directory relative to root, "" or "a/b/"
     std::deque<Change> pending;
+    // Directories renamed away in the drain under way, by rename cookie: "a/b/". One that turns up
+    // again in the tree keeps its watches under the new name; the others are let go of at the
+    // drain's end.
+    std::unordered_map<uint32_t, std::string> movedFrom;
     // The end of the handle's changes: 0 none, else an error code, or kOverflow.
     uint32_t end = 0;
     bool touched = false;  // has events from the drain under way; finished at its end
@@ -113,6 +117,7 @@ private:
     uint32_t watchTree(HDirectory h, const std::string& relative, bool report);
     void unwatch(HDirectory h, int wd);
     void unwatchBelow(HDirectory h, const std::string& relative);
+    void renameBelow(HDirectory h, const std::string& from, const std::string& to);
     void finish(HDirectory h, std::vector<Completion>& out);  // completes a read that can be
     void markTouched(HDirectory h);  // REQUIRES: mutex
 
@@ -218,6 +223,12 @@ void Watcher::unwatch(HDirectory h, int wd) {
     if (it->second.empty()) {
         subscribers.erase(it);
         ::inotify_rm_watch(inotifyFd, wd);
+    }
+}
+
+void Watcher::renameBelow(HDirectory h, const std::string& from, const std::string& to) {
+    for (auto& [wd, dir] : h->dirs) {
+        if (dir.compare(0, from.size(), from) == 0) dir = to + dir.substr(from.size());
     }
 }
 
@@ -355,9 +366,21 @@ void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) 
             continue;
         }
         h->pending.push_back({action, name});
-        if (action == FileAction::kRenamedOldName) unwatchBelow(h, name + "/");
-        if (action == FileAction::kAdded || action == FileAction::kRenamedNewName) {
-            // Whatever was made in the new directory before its watch existed is reported now.
+        if (action == FileAction::kRenamedOldName) {
+            h->movedFrom[event.cookie] = name + "/";
+        } else if (action == FileAction::kRenamedNewName) {
+            // Renamed within the tree: two names and no more, and it keeps its watches, so that
+            // nothing made in it meanwhile is missed. Moved in from outside: new to the tree, as
+            // a created one.
+            auto from = h->movedFrom.find(event.cookie);
+            if (from != h->movedFrom.end()) {
+                renameBelow(h, from->second, name + "/");
+                h->movedFrom.erase(from);
+            } else if (uint32_t error = watchTree(h, name + "/", true)) {
+                h->end = error;
+            }
+        } else if (action == FileAction::kAdded) {
+            // Whatever was made in a new directory before its watch existed is reported now.
             if (uint32_t error = watchTree(h, name + "/", true)) h->end = error;
         }
     }
@@ -385,6 +408,9 @@ DrainResult Watcher::drain(std::vector<Completion>& out) {
     bool delivered = false;
     for (HDirectory h : touchedHandles) {
         h->touched = false;
+        // Renamed away and not seen again: moved out of the tree.
+        for (const auto& [cookie, relative] : h->movedFrom) unwatchBelow(h, relative);
+        h->movedFrom.clear();
         const size_t before = out.size();
         finish(h, out);
         delivered = delivered || out.size() > before;

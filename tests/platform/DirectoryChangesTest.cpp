@@ -34,6 +34,8 @@ struct Change {
     bool operator==(const Change& o) const = default;
 };
 
+void PrintTo(const Change& c, std::ostream* os) { *os << c.action << ":" << c.name; }
+
 // One watched folder read from this thread; completions arrive in its alertable waits.
 class Watch {
 public:
@@ -194,6 +196,35 @@ TEST_F(DirectoryChangesTest, SubtreeReportsEverythingInADeepNewTree) {
     ASSERT_TRUE(w.wait());
     auto later = w.collectUntil({{kAdded, "a/b/c/later"}});
     EXPECT_EQ(std::count(later.begin(), later.end(), Change{kAdded, "a/b/c/later"}), 1);
+}
+
+// A directory renamed within a subtree is two names, as any rename, not a report of all it
+// holds, and it stays watched under its new name. One moved in from outside is new to the tree:
+// what it holds is reported, so that nothing made in it before its watch existed is missed.
+TEST_F(DirectoryChangesTest, SubtreeDirectoryRenamedWithinIsJustItsTwoNames) {
+    fs::create_directories(folder_ + "/old/inner");
+    Touch(folder_ + "/old/inner/kept");
+    fs::create_directories(root_ / "outside/sub");
+    Touch(root_ / "outside/sub/brought");
+    Watch w(folder_, true);
+    ASSERT_TRUE(w.issue());
+    fs::rename(folder_ + "/old", folder_ + "/new");
+    Touch(folder_ + "/new/inner/later");
+    ASSERT_TRUE(w.wait());
+    const std::vector<Change> expected{
+        {kRenamedOldName, "old"}, {kRenamedNewName, "new"}, {kAdded, "new/inner/later"}};
+    EXPECT_EQ(w.collectUntil({expected.begin(), expected.end()}), expected);
+
+    fs::rename(root_ / "outside", folder_ + "/moved-in");
+    Touch(folder_ + "/moved-in/sub/later");
+    ASSERT_TRUE(w.issue());
+    ASSERT_TRUE(w.wait());
+    const std::set<Change> movedIn{{kRenamedNewName, "moved-in"},
+                                   {kAdded, "moved-in/sub"},
+                                   {kAdded, "moved-in/sub/brought"},
+                                   {kAdded, "moved-in/sub/later"}};
+    std::vector<Change> seen = w.collectUntil(movedIn);
+    EXPECT_EQ(std::set<Change>(seen.begin(), seen.end()), movedIn);
 }
 
 TEST_F(DirectoryChangesTest, BacklogLargerThanOneBufferArrivesOverSeveralReads) {
