@@ -337,6 +337,12 @@ void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) 
         if (h->end != 0) continue;
         auto dir = h->dirs.find(event.wd);
         if (dir == h->dirs.end()) continue;
+        // In a directory renamed away and not seen again in the tree: it is outside by now.
+        bool movedOut = false;
+        for (const auto& [cookie, relative] : h->movedFrom) {
+            movedOut = movedOut || dir->second.compare(0, relative.size(), relative) == 0;
+        }
+        if (movedOut) continue;
         bool isRoot = event.wd == h->rootWd;
         if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED)) {
             if (isRoot) {

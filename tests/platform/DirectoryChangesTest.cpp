@@ -227,6 +227,26 @@ TEST_F(DirectoryChangesTest, SubtreeDirectoryRenamedWithinIsJustItsTwoNames) {
     EXPECT_EQ(std::set<Change>(seen.begin(), seen.end()), movedIn);
 }
 
+// What happens in a directory after it has been moved out of a subtree is not the tree's.
+TEST_F(DirectoryChangesTest, SubtreeDirectoryMovedOutIsNoLongerReported) {
+    for (int round = 0; round < 20; ++round) {
+        SCOPED_TRACE(round);
+        const std::string inside = "leaving" + std::to_string(round);
+        const std::string outside = root_ / ("left" + std::to_string(round));
+        fs::create_directories(folder_ + "/" + inside);
+        Watch w(folder_, true);
+        ASSERT_TRUE(w.issue());
+        fs::rename(folder_ + "/" + inside, outside);
+        Touch(outside + "/made-outside");
+        Touch(folder_ + "/marker");
+        ASSERT_TRUE(w.wait());
+        const std::vector<Change> expected{{kRenamedOldName, inside}, {kAdded, "marker"}};
+        ASSERT_EQ(w.collectUntil({expected.begin(), expected.end()}), expected);
+        w.close();
+        fs::remove(folder_ + "/marker");
+    }
+}
+
 TEST_F(DirectoryChangesTest, BacklogLargerThanOneBufferArrivesOverSeveralReads) {
     Watch w(folder_, false, 4096);
     ASSERT_TRUE(w.issue());
