@@ -21,6 +21,7 @@
 #include <unistd.h>
 #include <dirent.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -118,6 +119,9 @@ private:
     void unwatch(HDirectory h, int wd);
     void unwatchBelow(HDirectory h, const std::string& relative);
     void renameBelow(HDirectory h, const std::string& from, const std::string& to);
+    // Lets go at once of the directories renamed away that overlap `relative`, which a new
+    // directory is about to take: the drain's end must not take its watches with theirs.
+    void forgetMovedOver(HDirectory h, const std::string& relative);
     void finish(HDirectory h, std::vector<Completion>& out);  // completes a read that can be
     void markTouched(HDirectory h);  // REQUIRES: mutex
 
@@ -229,6 +233,19 @@ void Watcher::unwatch(HDirectory h, int wd) {
 void Watcher::renameBelow(HDirectory h, const std::string& from, const std::string& to) {
     for (auto& [wd, dir] : h->dirs) {
         if (dir.compare(0, from.size(), from) == 0) dir = to + dir.substr(from.size());
+    }
+}
+
+void Watcher::forgetMovedOver(HDirectory h, const std::string& relative) {
+    for (auto it = h->movedFrom.begin(); it != h->movedFrom.end();) {
+        const std::string& gone = it->second;
+        const size_t common = std::min(gone.size(), relative.size());
+        if (gone.compare(0, common, relative, 0, common) == 0) {
+            unwatchBelow(h, gone);
+            it = h->movedFrom.erase(it);
+        } else {
+            ++it;
+        }
     }
 }
 
@@ -380,13 +397,17 @@ void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) 
             // a created one.
             auto from = h->movedFrom.find(event.cookie);
             if (from != h->movedFrom.end()) {
-                renameBelow(h, from->second, name + "/");
+                const std::string previous = from->second;
                 h->movedFrom.erase(from);
-            } else if (uint32_t error = watchTree(h, name + "/", true)) {
-                h->end = error;
+                forgetMovedOver(h, name + "/");
+                renameBelow(h, previous, name + "/");
+            } else {
+                forgetMovedOver(h, name + "/");
+                if (uint32_t error = watchTree(h, name + "/", true)) h->end = error;
             }
         } else if (action == FileAction::kAdded) {
             // Whatever was made in a new directory before its watch existed is reported now.
+            forgetMovedOver(h, name + "/");
             if (uint32_t error = watchTree(h, name + "/", true)) h->end = error;
         }
     }

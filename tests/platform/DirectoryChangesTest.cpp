@@ -247,6 +247,33 @@ TEST_F(DirectoryChangesTest, SubtreeDirectoryMovedOutIsNoLongerReported) {
     }
 }
 
+// A directory made, or moved in, under the name of one just moved out is watched for good.
+TEST_F(DirectoryChangesTest, SubtreeNameReusedRightAfterAMoveOutIsWatched) {
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE(round);
+        const std::string name = "reused" + std::to_string(round);
+        fs::create_directories(folder_ + "/" + name);
+        fs::create_directories(root_ / ("back" + std::to_string(round)));
+        Watch w(folder_, true);
+        ASSERT_TRUE(w.issue());
+        fs::rename(folder_ + "/" + name, root_ / ("gone" + std::to_string(round)));
+        const bool made = round % 2 == 0;
+        if (made) {
+            fs::create_directory(folder_ + "/" + name);
+        } else {
+            fs::rename(root_ / ("back" + std::to_string(round)), folder_ + "/" + name);
+        }
+        ASSERT_TRUE(w.wait());
+        w.collectUntil({{kRenamedOldName, name}, {made ? kAdded : kRenamedNewName, name}});
+        Touch(folder_ + "/" + name + "/later");
+        ASSERT_TRUE(w.issue());
+        ASSERT_TRUE(w.wait(3000));
+        const std::vector<Change> later = w.collectUntil({{kAdded, name + "/later"}}, 3000);
+        EXPECT_EQ(std::count(later.begin(), later.end(), Change{kAdded, name + "/later"}), 1);
+        w.close();
+    }
+}
+
 TEST_F(DirectoryChangesTest, BacklogLargerThanOneBufferArrivesOverSeveralReads) {
     Watch w(folder_, false, 4096);
     ASSERT_TRUE(w.issue());
