@@ -145,6 +145,21 @@ TEST_F(WatchFolderCacheTest, LoadOutcomesFollowGenerationVersionAndLines) {
          1,
          {"WatchFolder.3.cache"},
          u"0.5\n" + line3("a")},
+        // No line end but U+000A is known: a carriage return stays on the path, which then names
+        // no folder, so nothing loads, and nothing is bad.
+        {"carriage returns",
+         {{g3, u"0.5\r\n" + line3("a").insert(line3("a").size() - 1, u"\r")}},
+         {},
+         0,
+         {"WatchFolder.3.cache"},
+         {}},
+        // A byte order mark is a unit before the version, which then does not read.
+        {"byte order mark",
+         {{g3, u"\uFEFF0.5\n" + line3("a")}},
+         {},
+         1,
+         {"WatchFolder.3.cache"},
+         u"\uFEFF0.5\n" + line3("a")},
         {"older generation migrated, generation 1 beside it left",
          {{g2, u"0.3\n" + line2("a", u'0') + line2("gone", u'1') + line2("b", u'1')}, {g1, u"old"}},
          {"a", "b"},
