@@ -377,6 +377,18 @@ TEST_F(WatchFolderCacheDatabaseTest, OpenThatCannotReadTheCacheRaisesWithTheThre
     database.close();
 }
 
+TEST_F(WatchFolderCacheDatabaseTest, MigrationThatCannotSaveRaisesAndKeepsTheOlderFile) {
+    fs::create_directories(data_ + "WatchFolder.3.cache");  // skipped by the reader, fails the save
+    put(Vigil::Watch::kCacheFileName2, Utf16Le(u"0.3\n" + line2("a", u'1')));
+    Vigil::Watch::Database database;
+    EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 5u);
+    // What was read stays in the table and is watched; the file it came from is not lost.
+    ASSERT_EQ(listed(database).size(), 1u);
+    EXPECT_EQ(watchesOnceSettled(database), 1u);
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName2), Utf16Le(u"0.3\n" + line2("a", u'1')));
+    database.close();
+}
+
 TEST_F(WatchFolderCacheDatabaseTest, SaveThatCannotWriteFailsButKeepsTheChangeAndItsWatch) {
     Vigil::Watch::Database database;
     database.open(W(data_));
