@@ -258,69 +258,83 @@ BurstRound Bench::burstRound(int files, bool spread, int round) {
     BurstRound result;
     // Every run writes into a folder of its own and nothing is deleted until the end: on ext4 a
     // creation soon after many deletions searches past the deleted inodes, and the writer's pace
-    // would then depend on the order of the runs.
+    // would then depend on the order of the runs. The order is reversed every other round, so
+    // that a drift of the machine's pace within a round does not favour one of the runs.
     const std::string tag = (spread ? "-spread-" : "-flat-") + std::to_string(round);
-    result.alone = Write(Fresh(root_, "alone" + tag), files, spread).wall;
-
-    std::string rawDir = Fresh(root_, "raw" + tag);
-    RawReader raw(rawDir);
-    const WriterRun withRaw = Write(rawDir, files, spread);
-    while (raw.files < files && Clock::now() - withRaw.lastFile < std::chrono::seconds(10)) {
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
-    result.rawLag = Seconds(Clock::now() - withRaw.lastFile);
-    result.withRaw = withRaw.wall;
-    result.rawLost = long(files) - raw.files;
-    result.rawOverflowed = raw.overflowed;
-    raw.finish();
-
-    std::string dir = Fresh(root_, "svc" + tag);
-    auto client = connect(uint8_t(spread ? 2 : 1));
-    client->addFolders({spread, true, false}, {dir});
-    settle();
-    std::unordered_set<std::string> seen;
-    std::mutex doneMutex;
-    std::condition_variable doneCondition;
-    bool writing = true;
-    WriterRun withService;
-    const double processCpu0 = CpuSeconds(RUSAGE_SELF);
-    const double serviceThreadsCpu0 = OtherThreadsCpuSeconds();
-    double clientCpu = 0;
-    std::thread writer([&] {
-        withService = Write(dir, files, spread);
-        std::lock_guard<std::mutex> lock(doneMutex);
-        writing = false;
-        doneCondition.notify_one();
-    });
-    {
-        const double clientCpu0 = CpuSeconds(RUSAGE_THREAD);
-        // Collected as it comes, paced every 20 ms so the replies stay small; the pause ends at
-        // once when the writer is done, so the figure below is not the pacing's.
-        for (;;) {
-            CollectOnce(*client, seen);
-            std::unique_lock<std::mutex> lock(doneMutex);
-            if (!doneCondition.wait_for(lock, std::chrono::milliseconds(20),
-                                        [&] { return !writing; }))
-                continue;
-            break;
+    auto runAlone = [&] {
+        result.alone = Write(Fresh(root_, "alone" + tag), files, spread).wall;
+    };
+    auto runRaw = [&] {
+        std::string rawDir = Fresh(root_, "raw" + tag);
+        RawReader raw(rawDir);
+        const WriterRun withRaw = Write(rawDir, files, spread);
+        while (raw.files < files && Clock::now() - withRaw.lastFile < std::chrono::seconds(10)) {
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
         }
-        writer.join();
-        Collect(*client, seen, size_t(files), Clock::now() + std::chrono::seconds(10));
-        clientCpu = CpuSeconds(RUSAGE_THREAD) - clientCpu0;
+        result.rawLag = Seconds(Clock::now() - withRaw.lastFile);
+        result.withRaw = withRaw.wall;
+        result.rawLost = long(files) - raw.files;
+        result.rawOverflowed = raw.overflowed;
+        raw.finish();
+    };
+    auto runService = [&] {
+        std::string dir = Fresh(root_, "svc" + tag);
+        auto client = connect(uint8_t(spread ? 2 : 1));
+        client->addFolders({spread, true, false}, {dir});
+        settle();
+        std::unordered_set<std::string> seen;
+        std::mutex doneMutex;
+        std::condition_variable doneCondition;
+        bool writing = true;
+        WriterRun withService;
+        const double processCpu0 = CpuSeconds(RUSAGE_SELF);
+        const double serviceThreadsCpu0 = OtherThreadsCpuSeconds();
+        double clientCpu = 0;
+        std::thread writer([&] {
+            withService = Write(dir, files, spread);
+            std::lock_guard<std::mutex> lock(doneMutex);
+            writing = false;
+            doneCondition.notify_one();
+        });
+        {
+            const double clientCpu0 = CpuSeconds(RUSAGE_THREAD);
+            // Collected as it comes, paced every 20 ms so the replies stay small; the pause ends at
+            // once when the writer is done, so the figure below is not the pacing's.
+            for (;;) {
+                CollectOnce(*client, seen);
+                std::unique_lock<std::mutex> lock(doneMutex);
+                if (!doneCondition.wait_for(lock, std::chrono::milliseconds(20),
+                                            [&] { return !writing; }))
+                    continue;
+                break;
+            }
+            writer.join();
+            Collect(*client, seen, size_t(files), Clock::now() + std::chrono::seconds(10));
+            clientCpu = CpuSeconds(RUSAGE_THREAD) - clientCpu0;
+        }
+        result.serviceLag = Seconds(Clock::now() - withService.lastFile);
+        result.withService = withService.wall;
+        size_t fileNames = 0;
+        for (const std::string& name : seen) {
+            const size_t slash = name.rfind('/');
+            if (name[slash == std::string::npos ? 0 : slash + 1] == 'f') ++fileNames;
+        }
+        result.serviceLost = long(files) - long(fileNames);
+        const double perFiles = 100000.0 / files;
+        result.serviceCpu =
+            (CpuSeconds(RUSAGE_SELF) - processCpu0 - withService.cpu - clientCpu) * perFiles;
+        result.serviceThreadsCpu = (OtherThreadsCpuSeconds() - serviceThreadsCpu0) * perFiles;
+        client->removeFolders(spread, {dir});
+    };
+    if (round % 2 == 0) {
+        runAlone();
+        runRaw();
+        runService();
+    } else {
+        runService();
+        runRaw();
+        runAlone();
     }
-    result.serviceLag = Seconds(Clock::now() - withService.lastFile);
-    result.withService = withService.wall;
-    size_t fileNames = 0;
-    for (const std::string& name : seen) {
-        const size_t slash = name.rfind('/');
-        if (name[slash == std::string::npos ? 0 : slash + 1] == 'f') ++fileNames;
-    }
-    result.serviceLost = long(files) - long(fileNames);
-    const double perFiles = 100000.0 / files;
-    result.serviceCpu =
-        (CpuSeconds(RUSAGE_SELF) - processCpu0 - withService.cpu - clientCpu) * perFiles;
-    result.serviceThreadsCpu = (OtherThreadsCpuSeconds() - serviceThreadsCpu0) * perFiles;
-    client->removeFolders(spread, {dir});
     return result;
 }
 

@@ -43,7 +43,8 @@ class Database {
 
     // Starts the watch thread and loads the cache from `dataFolder` (ends with the separator).
     // Does nothing on a second call, also after close. Raises Osb::ExSystem when no cache file can
-    // be opened for another reason than its absence; the thread runs all the same.
+    // be opened for another reason than its absence, or when the save that replaces an older or a
+    // bad file cannot write it; the thread runs and the folders loaded stay all the same.
     void open(const std::u16string& dataFolder);
     // Stops the watch thread, waits for it, destroys it. Does not save.
     //

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -13,6 +14,8 @@
 #include "platform/Exception.h"
 #include "platform/Utf.h"
 #include "service/VigilWatchFolderCache.h"
+#include "service/VigilWatchFolderDatabase.h"
+#include "tests/support/PollUntil.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/Utf16Le.h"
 #include "tests/service/SequenceGuid.h"
@@ -142,6 +145,21 @@ TEST_F(WatchFolderCacheTest, LoadOutcomesFollowGenerationVersionAndLines) {
          1,
          {"WatchFolder.3.cache"},
          u"0.5\n" + line3("a")},
+        // No line end but U+000A is known: a carriage return stays on the path, which then names
+        // no folder, so nothing loads, and nothing is bad.
+        {"carriage returns",
+         {{g3, u"0.5\r\n" + line3("a").insert(line3("a").size() - 1, u"\r")}},
+         {},
+         0,
+         {"WatchFolder.3.cache"},
+         {}},
+        // A byte order mark is a unit before the version, which then does not read.
+        {"byte order mark",
+         {{g3, u"\uFEFF0.5\n" + line3("a")}},
+         {},
+         1,
+         {"WatchFolder.3.cache"},
+         u"\uFEFF0.5\n" + line3("a")},
         {"older generation migrated, generation 1 beside it left",
          {{g2, u"0.3\n" + line2("a", u'0') + line2("gone", u'1') + line2("b", u'1')}, {g1, u"old"}},
          {"a", "b"},
@@ -301,6 +319,99 @@ TEST_F(WatchFolderCacheTest, GarbageAndCutFilesLoadAPrefixAndNeverMore) {
             EXPECT_EQ(loaded.saves, 0);
         }
     }
+}
+
+// The cache as Watch::Database drives it: open loads and migrates through the database's own
+// table, watches and save; a save that cannot write fails the operation but keeps its change.
+class WatchFolderCacheDatabaseTest : public WatchFolderCacheTest {
+  protected:
+    std::vector<WatchedFolder> listed(Vigil::Watch::Database& database) {
+        std::vector<WatchedFolder> result;
+        database.getFolders(SequenceGuid(), result);
+        return result;
+    }
+    static size_t watchesOnceSettled(Vigil::Watch::Database& database) {
+        EXPECT_TRUE(vigil_test::PollUntil([&] { return database.startsSettledForTesting(); }));
+        return database.activeWatchesForTesting();
+    }
+    static uint32_t statusOf(const std::function<void()>& work) {
+        try {
+            work();
+        } catch (const Osb::ExSystem& e) {
+            return e.status();
+        }
+        return 0;
+    }
+};
+
+TEST_F(WatchFolderCacheDatabaseTest, OpenTakesOverAnOlderFileWatchesItsFoldersAndRemovesIt) {
+    put(Vigil::Watch::kCacheFileName2,
+        Utf16Le(u"0.3\n" + line2("a", u'1') + line2("gone", u'1') + line2("b", u'0') +
+                line2("a", u'0')));  // a second line for a known path changes nothing
+    put(Vigil::Watch::kCacheFileName1, Utf16Le(u"old"));
+    Vigil::Watch::Database database;
+    database.open(W(data_));
+
+    const std::vector<WatchedFolder> folders = listed(database);
+    ASSERT_EQ(folders.size(), 2u);
+    EXPECT_EQ(folders[0].path, folder("a"));
+    EXPECT_EQ(folders[1].path, folder("b"));
+    EXPECT_EQ(watchesOnceSettled(database), 2u);
+    // Written in the current form by the database's own save, and only then is the older file
+    // gone; the generation 1 file was never looked for.
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3),
+              Utf16Le(u"0.5\n" + line3("a", u"1, 1, 0, 0") + line3("b", u"0, 1, 0, 0")));
+    EXPECT_EQ(dataFiles(), (std::set<std::string>{"WatchFolder.3.cache", "WatchFolder.cache"}));
+    database.close();
+}
+
+TEST_F(WatchFolderCacheDatabaseTest, OpenThatCannotReadTheCacheRaisesWithTheThreadRunning) {
+    fs::create_directories(data_ + "WatchFolder.cache");  // the last name tried cannot be read
+    Vigil::Watch::Database database;
+    EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 5u);
+    // Opened all the same: a second open neither reads again nor raises, and the thread watches.
+    EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 0u);
+    database.addFolders(SequenceGuid(), {{folder("a"), {1, 1, 0, 0}}});
+    EXPECT_EQ(watchesOnceSettled(database), 1u);
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), Utf16Le(u"0.5\n" + line3("a")));
+    database.close();
+}
+
+TEST_F(WatchFolderCacheDatabaseTest, MigrationThatCannotSaveRaisesAndKeepsTheOlderFile) {
+    fs::create_directories(data_ + "WatchFolder.3.cache");  // skipped by the reader, fails the save
+    put(Vigil::Watch::kCacheFileName2, Utf16Le(u"0.3\n" + line2("a", u'1')));
+    Vigil::Watch::Database database;
+    EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 5u);
+    // What was read stays in the table and is watched; the file it came from is not lost.
+    ASSERT_EQ(listed(database).size(), 1u);
+    EXPECT_EQ(watchesOnceSettled(database), 1u);
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName2), Utf16Le(u"0.3\n" + line2("a", u'1')));
+    database.close();
+}
+
+TEST_F(WatchFolderCacheDatabaseTest, SaveThatCannotWriteFailsButKeepsTheChangeAndItsWatch) {
+    Vigil::Watch::Database database;
+    database.open(W(data_));
+    fs::create_directories(data_ + "WatchFolder.3.cache");  // the current file cannot be opened
+
+    EXPECT_EQ(statusOf([&] {
+                  database.addFolders(SequenceGuid(),
+                                      {{folder("a"), {1, 1, 0, 0}}, {folder("b"), {0, 1, 1, 0}}});
+              }),
+              5u);
+    ASSERT_EQ(listed(database).size(), 2u);
+    EXPECT_EQ(watchesOnceSettled(database), 2u);
+    EXPECT_EQ(statusOf([&] { database.removeFolders(SequenceGuid(), {{folder("a"), {}}}); }), 5u);
+    ASSERT_EQ(listed(database).size(), 1u);
+    EXPECT_EQ(database.activeWatchesForTesting(), 1u);
+    // Removing the last folder leaves an empty table, which writes nothing and so cannot fail.
+    EXPECT_EQ(statusOf([&] { database.removeFolders(SequenceGuid(), {{folder("b"), {}}}); }), 0u);
+    // Once the file can be written again, the next change writes the whole table.
+    fs::remove(data_ + "WatchFolder.3.cache");
+    database.addFolders(SequenceGuid(), {{folder("b"), {0, 1, 1, 0}}});
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3),
+              Utf16Le(u"0.5\n" + line3("b", u"0, 1, 1, 0")));
+    database.close();
 }
 
 }  // namespace
