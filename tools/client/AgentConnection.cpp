@@ -86,7 +86,14 @@ std::vector<FolderChanges> AgentConnection::getChanges(bool clear, Bytes* rawBod
 }
 
 void AgentConnection::removeChanges(const Bytes& getChangesBody) {
-    DecodeStatusReply(expect(kRemoveChanges, getChangesBody));
+    if (getChangesBody.size() <= MaxRequestBody()) {
+        DecodeStatusReply(expect(kRemoveChanges, getChangesBody));
+        return;
+    }
+    // Too long to be reassembled in one piece: the same names in several requests.
+    for (const Bytes& body : EncodeRemoveChangesRequests(DecodeChanges(getChangesBody))) {
+        DecodeStatusReply(expect(kRemoveChanges, body));
+    }
 }
 
 }  // namespace vigil_client

@@ -46,6 +46,9 @@ class AgentConnection {
     void removeFolders(bool watchSubtree, const std::vector<std::string>& paths);
     // The changes and the reply's raw body (to hand back as RemoveChanges).
     std::vector<FolderChanges> getChanges(bool clear, Bytes* rawBody = nullptr);
+    // Hands a GetChanges reply's body back unchanged as RemoveChanges, or, when it is longer than
+    // one request may be, the same names over several requests (std::length_error for a name
+    // that cannot go in one request at all).
     void removeChanges(const Bytes& getChangesBody);
 
     uint32_t clientId() const { return clientId_; }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -242,5 +243,8 @@ int main(int argc, char** argv) {
     } catch (const DecodeError& e) {
         std::fprintf(stderr, "fileagent-client: malformed reply: %s\n", e.what());
         return kExitNoService;
+    } catch (const std::length_error& e) {
+        std::fprintf(stderr, "fileagent-client: %s\n", e.what());
+        return kExitUsage;
     }
 }
