@@ -85,6 +85,21 @@ TEST_F(AgentConnectionTest, ConfirmingALongReplyStaysWithinTheRequestLimit) {
     EXPECT_NO_THROW(agent.connectionNoop());  // nothing of the requests was left over
 }
 
+// A list of folders too long for one request is refused before anything is sent, so the
+// connection goes on as before.
+TEST_F(AgentConnectionTest, AFolderListLongerThanOneRequestIsNotSent) {
+    const std::string dir = root_->path() + "/";
+    AgentConnection agent(pipeName_);
+    agent.hello(Guid{}, 1, 0);
+    std::vector<std::string> paths(16367 / (12 + 2 * dir.size() + 2) + 1, dir);
+    EXPECT_THROW(agent.addFolders({}, paths), std::length_error);
+    EXPECT_THROW(agent.removeFolders(false, paths), std::length_error);
+    EXPECT_NO_THROW(agent.connectionNoop());
+    paths.resize(paths.size() - 3);  // the fields before the table fit in what this frees
+    EXPECT_NO_THROW(agent.addFolders({}, paths));
+    EXPECT_EQ(agent.getFolders(), std::vector<std::string>{dir});
+}
+
 TEST_F(AgentConnectionTest, NoServiceIsFileNotFound) {
     try {
         AgentConnection agent(u"no-such-pipe");

@@ -59,7 +59,8 @@ Options:
   --help                     this text
 
 Exit status: 0 success, 1 the service answered with an Error, 2 no service or a broken pipe,
-64 a bad command line.
+64 a bad command line, or a request longer than the service takes (16383 bytes in all: add or
+remove fewer folders at a time).
 
 Examples:
   fileagent-client add --subtree ~/Pictures
