@@ -2,9 +2,12 @@
 // buffer, strings without terminators, empty and overlong paths. Each gets its Error and leaves
 // the database as it was, the good entries before the bad one included.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 
 #include "platform/Utf.h"
@@ -241,10 +244,8 @@ TEST_F(WatchFolderHandlersTest, RepliesByteForByte) {
     // A pending record of a folder the client does not have is never reported.
     ProcessDatabase().addChanges(guid_, u"/not/watched/", {u"x"});
     EXPECT_EQ(exchange(kGetFolders, Le32({0}), 77).raw, Le32({0x10200, 12, 77, id, 0, 12, 12}));
-    EXPECT_EQ(exchange(kGetChanges, Le32({0}), 78).raw,
-              Le32({0x10203, 16, 78, id, 0, 0, 24, 16}));
-    EXPECT_EQ(exchange(kAddFolders, FolderListBody(16, {}), 79).raw,
-              Le32({0x10201, 4, 79, id, 0}));
+    EXPECT_EQ(exchange(kGetChanges, Le32({0}), 78).raw, Le32({0x10203, 16, 78, id, 0, 0, 24, 16}));
+    EXPECT_EQ(exchange(kAddFolders, FolderListBody(16, {}), 79).raw, Le32({0x10201, 4, 79, id, 0}));
 
     // Stored and reported with the closing separator that the request left out.
     const std::u16string dir = Osb::Utf8ToUtf16(root_ / "w");
@@ -258,13 +259,13 @@ TEST_F(WatchFolderHandlersTest, RepliesByteForByte) {
     // Names, an empty one among them, cleared by any non-zero first field.
     ProcessDatabase().addChanges(guid_, dir + u"/", {u"", u"ab"});
     const uint32_t strings = 16 + 24 + 2 * 12;
+    const Bytes header = Le32({0x10203, strings + bytes + 2 + 6, 81, id});
+    const Bytes tables = Cat({Le32({0, 1, 24, 16}),                  // status, ArrayHeader
+                              Le32({strings, bytes, 5, 2, 12, 40}),  // FolderRef
+                              Le32({strings + bytes, 2, 5}),         // the empty name
+                              Le32({strings + bytes + 2, 6, 5})});   // "ab"
     EXPECT_EQ(exchange(kGetChanges, Le32({0x100}), 81).raw,
-              Cat({Le32({0x10203, strings + bytes + 2 + 6, 81, id,  //
-                         0, 1, 24, 16,                              //
-                         strings, bytes, 5, 2, 12, 40,              //
-                         strings + bytes, 2, 5,                     //
-                         strings + bytes + 2, 6, 5}),
-                   stored, Units(u""), Units(u"ab")}));
+              Cat({header, tables, stored, Units(u""), Units(u"ab")}));
     EXPECT_EQ(exchange(kGetChanges, Le32({0})).body, Le32({0, 0, 24, 16}));
 
     // A client of version 1 removes with the short layout.
@@ -324,6 +325,70 @@ TEST_F(WatchFolderHandlersTest, RemoveChangesMatchesThePathAsSpelled) {
     EXPECT_EQ(exchange(kRemoveChanges, RemoveBody(Units(u"/f/"), Units(u"n"))).header.code,
               kRemoveChangesReply);
     EXPECT_EQ(pending(), (std::vector<std::u16string>{u"m"}));
+}
+
+// Holds the address space of the process to what it uses now plus `margin`, for its lifetime.
+class AddressSpaceLimit {
+  public:
+    explicit AddressSpaceLimit(uint64_t margin) {
+        uint64_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        getrlimit(RLIMIT_AS, &saved_);
+        rlimit limit = saved_;
+        limit.rlim_cur = pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) + margin;
+        active_ = pages > 0 && setrlimit(RLIMIT_AS, &limit) == 0;
+    }
+    ~AddressSpaceLimit() { setrlimit(RLIMIT_AS, &saved_); }
+    bool active() const { return active_; }
+
+  private:
+    rlimit saved_{};
+    bool active_ = false;
+};
+
+// A RemoveChanges body of 13 KB can name the suffixes of one long string from a table that every
+// folder entry shares: 100 x 454 names of 2470 units on average, 225 MB if all were copied at
+// once. Taking them must cost memory of the order of one folder's names (2.2 MB), so the request
+// goes through with the address space held to a small margin.
+TEST_F(WatchFolderHandlersTest, RemoveChangesNamingOneStringOverAndOverStaysSmall) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers reserve address space of their own";
+#endif
+    const uint32_t folders = 100, names = 454, units = 2700;
+    const uint32_t nameTable = 16 + 24 * folders, pathAt = nameTable + 12 * names;
+    const uint32_t longAt = pathAt + 8;
+    Bytes body = Le32({0, folders, 24, 16});
+    for (uint32_t f = 0; f < folders; ++f) {
+        const Bytes ref = Le32({pathAt, 8, 5, names, 12, nameTable});
+        body.insert(body.end(), ref.begin(), ref.end());
+    }
+    for (uint32_t n = 0; n < names; ++n) {
+        const Bytes ref = Le32({longAt + 2 * n, 0, 5});
+        body.insert(body.end(), ref.begin(), ref.end());
+    }
+    // Letters that differ early, so that the database's comparisons of the names end soon.
+    std::u16string longName(units, u'a');
+    uint32_t seed = 12345;
+    for (char16_t& unit : longName) {
+        seed = seed * 1103515245 + 12345;
+        unit = static_cast<char16_t>(u'a' + (seed >> 16) % 26);
+    }
+    body = Cat({body, Units(u"/f/"), Units(longName)});
+    ASSERT_LT(body.size() + kHeaderBytes, kMaxRequestBytes);
+    ProcessDatabase().addChanges(guid_, u"/f/", {u"n", longName, longName.substr(names - 1)});
+
+    std::vector<Reply> replies;
+    {
+        AddressSpaceLimit limit(64u << 20);
+        ASSERT_TRUE(limit.active());
+        client_.feed(Request(kRemoveChanges, client_.id(), 6, body));
+        replies = client_.take();
+    }
+    ASSERT_EQ(replies.size(), 1u) << "no reply: the request ran out of memory";
+    EXPECT_EQ(replies[0].header.code, kRemoveChangesReply);
+    std::vector<std::u16string> left;
+    ProcessDatabase().getChanges(guid_, u"/f/", left, false);
+    EXPECT_EQ(left, std::vector<std::u16string>{u"n"});
 }
 
 }  // namespace
