@@ -3,6 +3,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 
 #include "platform/ErrorCode.h"
 #include "platform/FileSystem.h"
@@ -31,18 +32,35 @@ uint32_t Field(const RequestBody& body, uint64_t offset) {
     return Load32(body.data + offset);
 }
 
-// The string at `offset`, read up to its zero unit, which must come before the body ends.
-std::u16string ReadString(const RequestBody& body, uint32_t offset) {
-    if (!InBody(body, offset, 2)) throw ExInvalidLength(OSB_HERE);
-    std::u16string text;
-    for (uint64_t at = offset;; at += 2) {
-        if (!InBody(body, at, 2)) throw ExInvalidDataValues(OSB_HERE);  // no terminator
-        char16_t unit;
-        std::memcpy(&unit, body.data + at, 2);
-        if (unit == 0) return text;
-        text.push_back(unit);
+// The strings of a body that are read up to their zero unit, which must come before the body
+// ends. Their lengths are kept, so that a string named by many entries is scanned once.
+class TerminatedStrings {
+  public:
+    explicit TerminatedStrings(const RequestBody& body) : body_(body) {}
+
+    // Units of the string at `offset`, its terminator not counted.
+    size_t units(uint32_t offset) {
+        if (auto known = units_.find(offset); known != units_.end()) return known->second;
+        if (!InBody(body_, offset, 2)) throw ExInvalidLength(OSB_HERE);
+        for (uint64_t at = offset;; at += 2) {
+            if (!InBody(body_, at, 2)) throw ExInvalidDataValues(OSB_HERE);  // no terminator
+            if (body_.data[at] == 0 && body_.data[at + 1] == 0) {
+                const size_t units = (at - offset) / 2;
+                units_.emplace(offset, units);
+                return units;
+            }
+        }
     }
-}
+    std::u16string read(uint32_t offset) {
+        std::u16string text(units(offset), u'\0');
+        std::memcpy(text.data(), body_.data + offset, 2 * text.size());
+        return text;
+    }
+
+  private:
+    const RequestBody& body_;
+    std::unordered_map<uint32_t, size_t> units_;
+};
 
 // One folder path of a folder list, located by the StringRef at `entry`: copied into the path
 // buffer, cut at its first zero unit, given its closing separator, and tested for existence.
@@ -160,25 +178,32 @@ void HandleGetChanges(const ClientSoftRef& client, uint32_t requestId, const Req
 
 void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
     if (body.length < kRemoveChangesMinBody) throw ExInvalidLength(OSB_HERE);
-    // Decoded whole before the first removal, so a refused request takes nothing off.
-    std::vector<FolderChanges> entries;
     const uint32_t count = Field(body, 4);
     const uint32_t tableOffset = Field(body, 12);
+    auto entryAt = [&](uint32_t i) {
+        return uint64_t{tableOffset} + uint64_t{kFolderRefBytes} * i;
+    };
+    auto nameAt = [&](uint64_t entry, uint32_t j) {
+        return Field(body, uint64_t{Field(body, entry + 20)} + uint64_t{kStringRefBytes} * j);
+    };
+    // Checked whole before the first removal, so a refused request takes nothing off. Copied one
+    // folder at a time after that: entries may name the same strings over and over, and all their
+    // copies at once could take thousands of times the size of the body.
+    TerminatedStrings strings(body);
     for (uint32_t i = 0; i < count; ++i) {
-        const uint64_t entry = uint64_t{tableOffset} + uint64_t{kFolderRefBytes} * i;
-        FolderChanges folder;
-        folder.path = ReadString(body, Field(body, entry));
-        const uint32_t names = Field(body, entry + 12);
-        const uint32_t namesAt = Field(body, entry + 20);
-        for (uint32_t j = 0; j < names; ++j) {
-            const uint64_t nameEntry = uint64_t{namesAt} + uint64_t{kStringRefBytes} * j;
-            folder.names.push_back(ReadString(body, Field(body, nameEntry)));
-        }
-        entries.push_back(std::move(folder));
+        strings.units(Field(body, entryAt(i)));
+        const uint32_t names = Field(body, entryAt(i) + 12);
+        for (uint32_t j = 0; j < names; ++j) strings.units(nameAt(entryAt(i), j));
     }
-    for (const FolderChanges& folder : entries) {
-        if (folder.names.empty()) continue;
-        Watch::ProcessDatabase().removeChanges(client->guid, folder.path, folder.names);
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t names = Field(body, entryAt(i) + 12);
+        if (names == 0) continue;
+        std::vector<std::u16string> folderNames;
+        folderNames.reserve(names);
+        for (uint32_t j = 0; j < names; ++j)
+            folderNames.push_back(strings.read(nameAt(entryAt(i), j)));
+        Watch::ProcessDatabase().removeChanges(client->guid, strings.read(Field(body, entryAt(i))),
+                                               folderNames);
     }
     SendStatusReply(client, requestId, kRemoveChangesReply);
 }

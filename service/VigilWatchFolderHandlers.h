@@ -4,13 +4,16 @@
 //
 // Refusals. The handlers trust no number in a request:
 //   - bodyLength below the request's minimum, or an ArrayHeader, a table entry or a string whose
-//     offset or extent lies beyond the body in hand:                          ExInvalidLength;
+//     offset or extent lies beyond the body in hand (so also an AddFolders with options whose
+//     bodyLength of 16 to 27 leaves its ArrayHeader outside, even for a count of 0):
+//                                                                              ExInvalidLength;
 //   - a string with no zero unit before the body ends (or, for a folder path of the folder lists,
 //     within its byteLength), a path byteLength above the 260-unit path buffer, an empty path, and
 //     a path that leaves no room in 260 units for the separator the parser adds and the
 //     terminator:                                                              ExInvalidDataValues.
-// Every folder list is decoded and every path tested before the database is called, so a refused
-// request changes nothing. A path that does not exist is Osb::ExSystem with the system's code.
+// Every folder list is decoded and every path tested before the database is called, and a
+// RemoveChanges body is checked whole before its first removal, so a refused request changes
+// nothing. A path that does not exist is Osb::ExSystem with the system's code.
 #pragma once
 
 #include <cstdint>

@@ -1,10 +1,15 @@
 // The client library against a real pipe server of the service.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <filesystem>
+
 #include "platform/ErrorCode.h"
 #include "platform/MessageTable.h"
 #include "platform/Utf.h"
 #include "service/VigilExceptions.h"
+#include "service/VigilProtocol.h"
+#include "service/VigilWatchFolderDatabase.h"
 #include "tests/e2e/ServerFixture.h"
 #include "tools/client/AgentConnection.h"
 
@@ -39,6 +44,60 @@ TEST_F(AgentConnectionTest, RefusalsCarryTheServiceTexts) {
     // The refused Hello still told the client its id, so the connection goes on.
     EXPECT_EQ(agent.clientId(), 0x401u);
     EXPECT_NO_THROW(agent.connectionNoop());
+}
+
+// A GetChanges reply longer than one request may be: the confirmation goes over in several
+// requests, and exactly the names of the reply come off, also when one folder's names have to be
+// spread over more than one request.
+TEST_F(AgentConnectionTest, ConfirmingALongReplyStaysWithinTheRequestLimit) {
+    const Guid guid = *ParseGuid("33221100-5544-7766-9988-BBAAFFEEDDCC");
+    Vigil::Watch::Guid key;
+    std::copy(guid.begin(), guid.end(), key.bytes.begin());
+    std::vector<std::u16string> folders;
+    for (const char* name : {"many", "few"}) {
+        const std::string path = root_->path() + "/" + name + "/";
+        std::filesystem::create_directories(path);
+        folders.push_back(Osb::Utf8ToUtf16(path));
+    }
+    std::vector<std::u16string> many;
+    for (int i = 0; i < 1500; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof(name), "name-%05d.txt", i);
+        many.push_back(Osb::Utf8ToUtf16(name));
+    }
+    auto& database = Vigil::Watch::ProcessDatabase();
+    database.addFolders(key, {{folders[0], {}}, {folders[1], {}}});
+    database.addChanges(key, folders[0], many);
+    database.addChanges(key, folders[1], {u"x", u"y"});
+
+    AgentConnection agent(pipeName_);
+    agent.hello(guid, 1, 0);
+    Bytes raw;
+    ASSERT_EQ(agent.getChanges(false, &raw).size(), 2u);
+    ASSERT_GE(raw.size() + Vigil::Protocol::kHeaderBytes, Vigil::Protocol::kMaxRequestBytes);
+    database.addChanges(key, folders[1], {u"late"});  // not in the reply: stays
+
+    EXPECT_NO_THROW(agent.removeChanges(raw));
+    auto left = agent.getChanges(false);
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left[0].path, Osb::Utf16ToUtf8(folders[1]));
+    EXPECT_EQ(left[0].names, std::vector<std::string>{"late"});
+    EXPECT_NO_THROW(agent.connectionNoop());  // nothing of the requests was left over
+}
+
+// A list of folders too long for one request is refused before anything is sent, so the
+// connection goes on as before.
+TEST_F(AgentConnectionTest, AFolderListLongerThanOneRequestIsNotSent) {
+    const std::string dir = root_->path() + "/";
+    AgentConnection agent(pipeName_);
+    agent.hello(Guid{}, 1, 0);
+    std::vector<std::string> paths(16367 / (12 + 2 * dir.size() + 2) + 1, dir);
+    EXPECT_THROW(agent.addFolders({}, paths), std::length_error);
+    EXPECT_THROW(agent.removeFolders(false, paths), std::length_error);
+    EXPECT_NO_THROW(agent.connectionNoop());
+    paths.resize(paths.size() - 3);  // the fields before the table fit in what this frees
+    EXPECT_NO_THROW(agent.addFolders({}, paths));
+    EXPECT_EQ(agent.getFolders(), std::vector<std::string>{dir});
 }
 
 TEST_F(AgentConnectionTest, NoServiceIsFileNotFound) {

@@ -86,6 +86,43 @@ TEST(ClientCodecTest, ChangesDecodeFolderByFolderAndReencodeToTheSameBody) {
     EXPECT_EQ(EncodeRemoveChanges({}), Le32({0, 0, 24, 16}));
 }
 
+TEST(ClientCodecTest, RemoveChangesSplitsAtTheLimitAndKeepsEveryNameInOrder) {
+    std::vector<FolderChanges> changes{{"a/", {}}, {"empty/", {}}, {"b/", {"q"}}};
+    for (int i = 0; i < 40; ++i) changes[0].names.push_back("n" + std::to_string(i));
+    const size_t kMax = 200;
+    std::vector<Bytes> bodies = EncodeRemoveChangesRequests(changes, kMax);
+    ASSERT_GT(bodies.size(), 1u);
+    // Each body stands alone, fits, and the names come back in order, folder by folder; the
+    // folder without names takes nothing off and is left out.
+    std::vector<FolderChanges> joined;
+    for (const Bytes& body : bodies) {
+        EXPECT_LE(body.size(), kMax);
+        for (FolderChanges& folder : DecodeChanges(body)) {
+            EXPECT_FALSE(folder.names.empty());
+            if (joined.empty() || joined.back().path != folder.path) {
+                joined.push_back({folder.path, {}});
+            }
+            auto& names = joined.back().names;
+            names.insert(names.end(), folder.names.begin(), folder.names.end());
+        }
+    }
+    ASSERT_EQ(joined.size(), 2u);
+    EXPECT_EQ(joined[0].path, "a/");
+    EXPECT_EQ(joined[0].names, changes[0].names);
+    EXPECT_EQ(joined[1].path, "b/");
+    EXPECT_EQ(joined[1].names, changes[2].names);
+    // A body filled to the byte: 16 + FolderRef 24 + "a/" 6 + 3 names of 12 + 6 = 100.
+    std::vector<FolderChanges> three{{"a/", {"x1", "x2", "x3"}}};
+    EXPECT_EQ(EncodeRemoveChangesRequests(three, 100),
+              std::vector<Bytes>{EncodeRemoveChanges(three)});
+    EXPECT_EQ(EncodeRemoveChangesRequests(three, 99).size(), 2u);
+    // The default is the longest body the service reassembles.
+    EXPECT_EQ(MaxRequestBody() + 16, Vigil::Protocol::kMaxRequestBytes - 1);
+    // A name that cannot go in a request even alone.
+    EXPECT_THROW(EncodeRemoveChangesRequests({{"a/", {"x1"}}}, 63), std::length_error);
+    EXPECT_EQ(EncodeRemoveChangesRequests({{"a/", {"x1"}}}, 64).size(), 1u);
+}
+
 TEST(ClientCodecTest, ErrorAndFolderListDecode) {
     Bytes error = Cat({Le32({0, 1, 12, 16, 28, 6, 5}), Utf16({u'n', u'o'})});
     ErrorReply reply = DecodeErrorReply(error);

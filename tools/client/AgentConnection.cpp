@@ -1,5 +1,7 @@
 #include "tools/client/AgentConnection.h"
 
+#include <string>
+
 #include "platform/ErrorCode.h"
 #include "platform/Exception.h"
 #include "service/VigilProtocol.h"
@@ -41,6 +43,12 @@ Reply AgentConnection::request(uint32_t code, const Bytes& body, int timeoutMs) 
 }
 
 Bytes AgentConnection::expect(uint32_t code, const Bytes& body) {
+    // The service could not reassemble it: what it did not take would be read as new messages.
+    if (body.size() > MaxRequestBody()) {
+        throw std::length_error("the request has " + std::to_string(body.size()) +
+                                " bytes of body; the service takes at most " +
+                                std::to_string(MaxRequestBody()));
+    }
     Reply reply = request(code, body);
     if (reply.code == kError) throw RequestRefused(DecodeErrorReply(reply.body));
     if (reply.code != ReplyCodeOf(code)) throw DecodeError("the reply has an unexpected code");
@@ -86,7 +94,14 @@ std::vector<FolderChanges> AgentConnection::getChanges(bool clear, Bytes* rawBod
 }
 
 void AgentConnection::removeChanges(const Bytes& getChangesBody) {
-    DecodeStatusReply(expect(kRemoveChanges, getChangesBody));
+    if (getChangesBody.size() <= MaxRequestBody()) {
+        DecodeStatusReply(expect(kRemoveChanges, getChangesBody));
+        return;
+    }
+    // Too long to be reassembled in one piece: the same names in several requests.
+    for (const Bytes& body : EncodeRemoveChangesRequests(DecodeChanges(getChangesBody))) {
+        DecodeStatusReply(expect(kRemoveChanges, body));
+    }
 }
 
 }  // namespace vigil_client

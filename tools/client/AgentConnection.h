@@ -1,6 +1,8 @@
 // A connection to the service over its pipe, one request at a time: each request waits for its
 // reply (or Error). Raises Osb::ExSystem when the pipe fails, DecodeError for a reply that does
-// not hold together, and RequestRefused when the service answers with Error.
+// not hold together, and RequestRefused when the service answers with Error. The named requests
+// raise std::length_error, sending nothing, for a body longer than the service reassembles
+// (MaxRequestBody); request() sends whatever it is given.
 #pragma once
 
 #include <cstdint>
@@ -34,8 +36,8 @@ class AgentConnection {
   public:
     explicit AgentConnection(const std::u16string& pipeName);
 
-    // Sends one message and returns the reply, whatever its code. The reply must carry the
-    // request's id. `timeoutMs` bounds the wait for it (-1: no bound).
+    // Sends one message as it is, whatever its length, and returns the reply, whatever its code.
+    // The reply must carry the request's id. `timeoutMs` bounds the wait for it (-1: no bound).
     Reply request(uint32_t code, const Bytes& body, int timeoutMs = -1);
 
     HelloReply hello(const Guid& guid, uint32_t versionMajor, uint32_t versionMinor);
@@ -46,6 +48,9 @@ class AgentConnection {
     void removeFolders(bool watchSubtree, const std::vector<std::string>& paths);
     // The changes and the reply's raw body (to hand back as RemoveChanges).
     std::vector<FolderChanges> getChanges(bool clear, Bytes* rawBody = nullptr);
+    // Hands a GetChanges reply's body back unchanged as RemoveChanges, or, when it is longer than
+    // one request may be, the same names over several requests (std::length_error for a name
+    // that cannot go in one request at all).
     void removeChanges(const Bytes& getChangesBody);
 
     uint32_t clientId() const { return clientId_; }

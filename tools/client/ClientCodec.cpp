@@ -1,6 +1,7 @@
 #include "tools/client/ClientCodec.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "platform/Utf.h"
 #include "service/VigilProtocol.h"
@@ -156,6 +157,45 @@ Bytes EncodeRemoveChanges(const std::vector<FolderChanges>& changes) {
         }
     }
     return body;
+}
+
+Bytes::size_type MaxRequestBody() { return kMaxRequestBytes - 1 - kHeaderBytes; }
+
+std::vector<Bytes> EncodeRemoveChangesRequests(const std::vector<FolderChanges>& changes,
+                                               Bytes::size_type maxBody) {
+    // Bytes on the wire: UTF-16 units and the terminator.
+    auto wireBytes = [](const std::string& utf8) { return 2 * Osb::Utf8ToUtf16(utf8).size() + 2; };
+    std::vector<Bytes> bodies;
+    std::vector<FolderChanges> chunk;
+    size_t chunkBytes = 16;  // status and ArrayHeader
+    auto flush = [&] {
+        if (!chunk.empty()) bodies.push_back(EncodeRemoveChanges(chunk));
+        chunk.clear();
+        chunkBytes = 16;
+    };
+    for (const FolderChanges& folder : changes) {
+        const size_t folderBytes = kFolderRefBytes + wireBytes(folder.path);
+        bool opened = false;  // the folder is the chunk's last entry
+        for (const std::string& name : folder.names) {
+            const size_t nameBytes = kStringRefBytes + wireBytes(name);
+            if (chunkBytes + nameBytes + (opened ? 0 : folderBytes) > maxBody) {
+                flush();
+                opened = false;
+                if (chunkBytes + folderBytes + nameBytes > maxBody) {
+                    throw std::length_error("a name is too long for one request: " + name);
+                }
+            }
+            if (!opened) {
+                chunk.push_back({folder.path, {}});
+                chunkBytes += folderBytes;
+                opened = true;
+            }
+            chunk.back().names.push_back(name);
+            chunkBytes += nameBytes;
+        }
+    }
+    flush();
+    return bodies;
 }
 
 HelloReply DecodeHelloReply(const Bytes& body) {

@@ -57,6 +57,14 @@ Bytes EncodeRemoveFolders(bool watchSubtree, const std::vector<std::string>& pat
 Bytes EncodeGetChanges(bool clear);
 // The shape of a GetChanges reply, as RemoveChanges wants it.
 Bytes EncodeRemoveChanges(const std::vector<FolderChanges>& changes);
+// The same names as RemoveChanges bodies of at most `maxBody` bytes each (by default the longest
+// body the service reassembles), each with its own tables: a folder whose names do not fit in one
+// body goes on in the next, its path repeated. Folders and names keep their order; a folder
+// without names is left out, as it takes nothing off. Raises
+// std::length_error for a folder and one name that do not fit in `maxBody` even alone.
+Bytes::size_type MaxRequestBody();
+std::vector<Bytes> EncodeRemoveChangesRequests(const std::vector<FolderChanges>& changes,
+                                               Bytes::size_type maxBody = MaxRequestBody());
 
 HelloReply DecodeHelloReply(const Bytes& body);
 uint32_t DecodeStatusReply(const Bytes& body);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,7 +59,8 @@ Options:
   --help                     this text
 
 Exit status: 0 success, 1 the service answered with an Error, 2 no service or a broken pipe,
-64 a bad command line.
+64 a bad command line, or a request longer than the service takes (16383 bytes in all: add or
+remove fewer folders at a time).
 
 Examples:
   fileagent-client add --subtree ~/Pictures
@@ -242,5 +244,8 @@ int main(int argc, char** argv) {
     } catch (const DecodeError& e) {
         std::fprintf(stderr, "fileagent-client: malformed reply: %s\n", e.what());
         return kExitNoService;
+    } catch (const std::length_error& e) {
+        std::fprintf(stderr, "fileagent-client: %s\n", e.what());
+        return kExitUsage;
     }
 }
