@@ -12,6 +12,7 @@
 
 #include "platform/Utf.h"
 #include "tests/e2e/AgentProcess.h"
+#include "tests/support/FileNamesIn.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/Utf16Le.h"
 #include "tools/client/AgentConnection.h"
@@ -41,12 +42,7 @@ class CacheE2eTest : public ::testing::Test {
         std::ifstream in(data_ + name, std::ios::binary);
         return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
-    std::set<std::string> dataFiles() const {
-        std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(data_))
-            names.insert(entry.path().filename());
-        return names;
-    }
+    std::set<std::string> dataFiles() const { return vigil_test::FileNamesIn(data_); }
     // Runs the agent in the console, lets one client of kGuid list its folders, stops it.
     std::vector<std::string> foldersSeenByOneRun() {
         RunningAgent agent({"/PORT", "cache"});

@@ -16,6 +16,7 @@
 #include "service/VigilWatchFolderCache.h"
 #include "service/VigilWatchFolderDatabase.h"
 #include "tests/support/PollUntil.h"
+#include "tests/support/FileNamesIn.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/Utf16Le.h"
 #include "tests/service/SequenceGuid.h"
@@ -63,12 +64,7 @@ class WatchFolderCacheTest : public ::testing::Test {
         std::ifstream in(data_ + Osb::Utf16ToUtf8(name), std::ios::binary);
         return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
-    std::set<std::string> dataFiles() const {
-        std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(data_))
-            names.insert(entry.path().filename());
-        return names;
-    }
+    std::set<std::string> dataFiles() const { return vigil_test::FileNamesIn(data_); }
 
     // Loads as the database does: each accepted line joins the table, and a save writes it.
     struct Loaded {
