@@ -22,7 +22,8 @@
 // when a directory is created or moved in from outside, its entries at that moment are reported
 // as created too, so that nothing made in it before its watch existed is missed. A directory
 // renamed within the tree is its two names only, and stays watched under its new name. Symbolic
-// links below the folder are not followed.
+// links below the folder are not followed. A directory below the folder that the caller may not
+// read is left out of the watch, and the rest of the tree is watched.
 #pragma once
 
 #include <cstddef>

@@ -16,8 +16,12 @@ uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool repo
     const uint32_t mask = relative.empty() ? kWatchMask & ~uint32_t{IN_DONT_FOLLOW} : kWatchMask;
     int wd = ::inotify_add_watch(inotifyFd, path.c_str(), mask);
     if (wd < 0) {
-        // A directory that went away meanwhile is no failure; a refused watch is.
-        if (!relative.empty() && (errno == ENOENT || errno == ENOTDIR)) return 0;
+        // Below the folder, a directory that went away meanwhile, or one the service may not
+        // read, is left out: it must not cost the whole folder its watch. A watch the kernel
+        // refuses for want of room (ENOSPC, ENOMEM) is a failure.
+        if (!relative.empty() &&
+            (errno == ENOENT || errno == ENOTDIR || errno == EACCES || errno == EPERM))
+            return 0;
         return SetLastErrorFromErrno(errno, path.c_str());
     }
     if (relative.empty()) h->rootWd = wd;

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -419,6 +421,34 @@ TEST_F(DirectoryChangesTest, DeletedSubdirectoryLeavesNoWatchBehind) {
         std::chrono::seconds(5)));
     w.close();
     EXPECT_EQ(Osb::WatchedDirectoriesForTesting(), before);
+}
+
+// Run in a child that gives up root, for whom every directory is readable.
+TEST_F(DirectoryChangesTest, UnreadableSubdirectoryIsLeftOutAndTheRestIsWatched) {
+    ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);
+    fs::create_directories(folder_ + "/locked/inside");
+    fs::create_directories(folder_ + "/open");
+    ASSERT_EQ(chmod((folder_ + "/locked").c_str(), 0700), 0);
+    ASSERT_EQ(chmod((folder_ + "/open").c_str(), 0777), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
+        if (geteuid() == 0) _exit(101);
+        Watch w(folder_, true);
+        if (!w.opened()) _exit(102);
+        if (!w.issue()) _exit(103);  // the whole folder refused for one directory in it
+        Touch(folder_ + "/open/new");
+        if (!w.wait()) _exit(104);
+        if (w.error() != 0) _exit(105);
+        std::vector<Change> seen = w.collectUntil({{kAdded, "open/new"}});
+        _exit(std::count(seen.begin(), seen.end(), Change{kAdded, "open/new"}) > 0 ? 0 : 106);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 100) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
 }
 
 TEST_F(DirectoryChangesTest, OpeningWhatIsNoFolderFails) {
