@@ -12,6 +12,26 @@ namespace {
 
 constexpr char16_t kSeparator = u'/';
 
+void createLevels(const DataFolderCalls& calls, const std::u16string& systemFolder) {
+    std::u16string built = systemFolder;
+    std::u16string rest = DataFolderTail();
+    for (;;) {
+        // From the second character on: the rest starts with the separator of its level.
+        const size_t next = rest.find(kSeparator, 1);
+        if (next == std::u16string::npos) break;
+        built += rest.substr(0, next);
+        rest.erase(0, next);
+        // What is left is the closing separator alone once the data folder itself is built.
+        const bool last = rest.size() == 1;
+        if (!(last ? calls.createPrivateDirectory : calls.createDirectory)(built)) {
+            const uint32_t code = Osb::ErrorCode();
+            if (code != Osb::Err::kAlreadyExists && code != Osb::Err::kInvalidName) {
+                throw Osb::ExSystem(code, OSB_HERE);
+            }
+        }
+    }
+}
+
 }  // namespace
 
 DataFolderCalls DataFolderCalls::system() {
@@ -21,6 +41,8 @@ DataFolderCalls DataFolderCalls::system() {
         },
         [](const std::u16string& path) { return Osb::PathExists(path); },
         [](const std::u16string& path) { return Osb::CreateDirectoryW(path); },
+        [](const std::u16string& path) { return Osb::CreatePrivateDirectory(path); },
+        [](const std::u16string& path) { return Osb::MakeFolderPrivate(path); },
     };
 }
 
@@ -34,23 +56,16 @@ std::u16string DataFolderWith(const DataFolderCalls& calls) {
         throw Osb::ExSystem(missing ? Osb::Err::kBadPathname : Osb::Err::kBadArguments, OSB_HERE);
     }
     const std::u16string folder = systemFolder + DataFolderTail();
-    // An existing path counts as usable whatever its rights; opening the cache will tell.
-    if (calls.exists(folder)) return folder;
-
-    std::u16string built = systemFolder;
-    std::u16string rest = DataFolderTail();
-    for (;;) {
-        // From the second character on: the rest starts with the separator of its level.
-        const size_t next = rest.find(kSeparator, 1);
-        if (next == std::u16string::npos) break;
-        built += rest.substr(0, next);
-        rest.erase(0, next);
-        if (!calls.createDirectory(built)) {
-            const uint32_t code = Osb::ErrorCode();
-            if (code != Osb::Err::kAlreadyExists && code != Osb::Err::kInvalidName) {
-                throw Osb::ExSystem(code, OSB_HERE);
-            }
-        }
+    if (!calls.exists(folder)) createLevels(calls, systemFolder);
+    // Checked whether it was found or made: a level that already existed may be anybody's.
+    if (const uint32_t code = calls.makePrivate(folder)) {
+        Osb::ExSystem failure(code, OSB_HERE);
+        failure.addReason(Osb::ExReason(
+            u"The data folder " + folder +
+                u" must be a folder of the service's own user, not a symbolic link; the service "
+                u"does not use it.",
+            OSB_HERE));
+        throw failure;
     }
     return folder;
 }

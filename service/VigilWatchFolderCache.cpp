@@ -81,17 +81,28 @@ void WatchFolderCache::load(const AcceptFolder& accept, const SaveTable& save) {
     // Whatever makes an attempt fail moves on to the next name; only the last code counts. Each
     // older path is built only when its attempt comes, and only built paths are removed below, so
     // a generation 1 file beside a readable generation 2 one is left alone.
+    // What a save cut short by a crash left: never read, and in the way of the next save.
+    Osb::RemoveFile(dataFolder_ + kCacheTemporaryName);
+
+    // A symbolic link at any of the names is not followed: it fails its attempt like any other
+    // file that cannot be opened.
+    constexpr Osb::File::Mode kRead = Osb::File::Mode::kReadNoLink;
     Osb::File file;
     int generation = 3;
     bool olderFile = false;
-    if (file.open(currentPath_, Osb::File::Mode::kRead) != 0) {
+    if (file.open(currentPath_, kRead) == 0) {
+        // A file that an older version left readable by everyone holds every client's GUID.
+        // Failing to tighten it costs nothing more: the folder around it is private, and the next
+        // save replaces it with a private file.
+        file.restrictToOwner();
+    } else {
         olderFile = true;
         generation = 2;
         generation2Path_ = dataFolder_ + kCacheFileName2;
-        if (file.open(generation2Path_, Osb::File::Mode::kRead) != 0) {
+        if (file.open(generation2Path_, kRead) != 0) {
             generation = 1;
             generation1Path_ = dataFolder_ + kCacheFileName1;
-            const uint32_t status = file.open(generation1Path_, Osb::File::Mode::kRead);
+            const uint32_t status = file.open(generation1Path_, kRead);
             if (status == Osb::Err::kFileNotFound) return;  // a first run
             if (status != 0) throw Osb::ExSystem(status, OSB_HERE);
         }
@@ -128,14 +139,13 @@ void WatchFolderCache::save(const CachedFolderTable& table) const {
     // An empty table leaves the file as it is: the folders removed last come back at the next start
     // if they still exist.
     if (table.empty()) return;
-    Osb::File file;
-    const uint32_t status = file.open(currentPath_, Osb::File::Mode::kWrite);
-    if (status != 0) throw Osb::ExSystem(status, OSB_HERE);
-    // The content is replaced in place. A failing write or close is not reported: the table in
-    // memory is right, the next save writes it again, and a file cut short loads up to its cut.
+    // The file is never changed in place: a crash or a full disk in the middle of the save leaves
+    // the previous file whole, so no client loses its folders at the next start.
     const std::vector<uint8_t> bytes = encodeCacheFile(table);
-    file.write(bytes);
-    file.close();
+    const uint32_t status = Osb::ReplaceFileAtomically(dataFolder_, kCacheFileName3,
+                                                       kCacheTemporaryName, bytes,
+                                                       Osb::FileAccess::kOwnerOnly);
+    if (status != 0) throw Osb::ExSystem(status, OSB_HERE);
 }
 
 }  // namespace Vigil::Watch

@@ -31,9 +31,12 @@ class WatchFolderCache {
     // with the path separator) and forgets the older paths.
     void setDataFolder(const std::u16string& dataFolder);
 
-    // Loads the cache; does nothing before setDataFolder. Tries "WatchFolder.3.cache", then
-    // "WatchFolder.2.cache", then "WatchFolder.cache", each path built only when its turn comes;
-    // the first that opens is read.
+    // Loads the cache; does nothing before setDataFolder. First removes a temporary file that a
+    // save cut short left behind (kCacheTemporaryName; it is never read). Tries
+    // "WatchFolder.3.cache", then "WatchFolder.2.cache", then "WatchFolder.cache", each path built
+    // only when its turn comes; the first that opens is read. A symbolic link at a name is not
+    // followed: that attempt fails like any other. A current file that grants the group or others
+    // any right is tightened to 0600.
     // If none opens, a missing file (2) is a first run and returns with nothing done; any other
     // code of the last attempt raises Osb::ExSystem with it.
     //
@@ -47,10 +50,16 @@ class WatchFolderCache {
     void load(const AcceptFolder& accept, const SaveTable& save);
 
     // Rewrites the current file with `table`. An empty table writes nothing: no file is created and
-    // an existing one stays as it was. Otherwise the file is emptied and written in place (no
-    // temporary file); a failure to open it raises Osb::ExSystem with the system's code (2 or 3 for
-    // a missing data folder or before setDataFolder), while failures of the writes themselves are
-    // not reported.
+    // an existing one stays as it was. Otherwise the bytes go to kCacheTemporaryName in the data
+    // folder, are flushed to the disk and renamed over the current file, readable and writable by
+    // the service's user alone (0600), so that after a crash, a power cut or a full disk the file
+    // holds either the previous table or this one, whole (Osb::ReplaceFileAtomically).
+    //
+    // A save that cannot be completed (any failed open, write, flush, close or rename) raises
+    // Osb::ExSystem with the system's code (112 for a full disk; 3 for a missing data folder or
+    // before setDataFolder; 5 when the data folder is a symbolic link or another user's). The
+    // previous file then stays as it was and the temporary file is gone. The caller's table keeps
+    // what it holds, so the next save writes it whole.
     void save(const CachedFolderTable& table) const;
 
     const std::u16string& currentPath() const { return currentPath_; }

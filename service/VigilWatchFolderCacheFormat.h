@@ -38,6 +38,9 @@ namespace Vigil::Watch {
 inline constexpr char16_t kCacheFileName3[] = u"WatchFolder.3.cache";
 inline constexpr char16_t kCacheFileName2[] = u"WatchFolder.2.cache";
 inline constexpr char16_t kCacheFileName1[] = u"WatchFolder.cache";
+// A save writes the new content under this name first and renames it over the current file; the
+// reader never looks at it, and a start removes one that a crash left behind.
+inline constexpr char16_t kCacheTemporaryName[] = u"WatchFolder.3.cache.tmp";
 
 inline constexpr size_t kMinCacheLineUnits = 42;   // line end included
 inline constexpr size_t kMaxCacheLineUnits = 300;  // line end included

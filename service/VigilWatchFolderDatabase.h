@@ -12,7 +12,10 @@
 //
 // Failures are exceptions: Osb::ExSystem when the cache cannot be read or written; standard
 // exceptions for memory. The lock is released on every way out; nothing done before a failure is
-// rolled back.
+// rolled back. In particular a save that fails (a full disk: 112) fails the request that caused it
+// while the folder table keeps that request's change and its watches; the cache file on disk stays
+// the previous one, whole, and the next change of the table (any addFolders or removeFolders)
+// writes the whole table again.
 #pragma once
 
 #include <functional>
@@ -77,7 +80,8 @@ class Database {
     void removeChanges(const Guid& guid, const std::u16string& folder,
                        const std::vector<std::u16string>& names);
 
-    // Writes the cache file from the folder table. REQUIRES: the database lock.
+    // Writes the cache file from the folder table, atomically (WatchFolderCache::save); raises
+    // Osb::ExSystem when it cannot, leaving the table as it is. REQUIRES: the database lock.
     void save() OSB_REQUIRES(mutex_);
     // addFolders without lock and save. REQUIRES: the database lock.
     void addFoldersLocked(const Guid& guid, const std::vector<WatchedFolder>& folders)

@@ -2,12 +2,15 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "platform/ErrorCode.h"
 #include "platform/FileSystem.h"
 #include "platform/Utf.h"
+#include "tests/support/FileNamesIn.h"
+#include "tests/support/ScopedUmask.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace {
@@ -72,6 +75,41 @@ TEST(FileSystemTest, FailuresReturnAndRecordWindowsCodes) {
     uint8_t buffer[4];
     EXPECT_EQ(closed.read(buffer, sizeof(buffer), got), Err::kInvalidHandle);
     EXPECT_EQ(got, 0u);
+}
+
+TEST(FileSystemTest, AtomicReplacementSetsTheRightsWhateverTheUmaskAndTakesSingleNamesOnly) {
+    vigil_test::ScratchRoot root;
+    const std::u16string folder = Wide(root.path() + "/");
+    const std::vector<uint8_t> bytes = {1, 2, 3};
+    struct Row {
+        mode_t umask;
+        Osb::FileAccess access;
+        int mode;
+    };
+    const Row rows[] = {{0, Osb::FileAccess::kOwnerOnly, 0600},
+                        {0, Osb::FileAccess::kOthersRead, 0644},
+                        {077, Osb::FileAccess::kOthersRead, 0644},
+                        {0777, Osb::FileAccess::kOwnerOnly, 0600}};
+    for (const Row& row : rows) {
+        const vigil_test::ScopedUmask mask(row.umask);
+        ASSERT_EQ(Osb::ReplaceFileAtomically(folder, u"f", u"f.tmp", bytes, row.access), 0u);
+        EXPECT_EQ(vigil_test::ModeOf((root / "f").c_str()), row.mode);
+        std::vector<uint8_t> back;
+        EXPECT_EQ(Osb::ReadFileBytes(Wide(root / "f"), back), 0u);
+        EXPECT_EQ(back, bytes);
+    }
+    for (const std::u16string& bad : {std::u16string(u"a/f"), std::u16string(u""),
+                                      std::u16string(u".."), std::u16string(u"f\0", 2)}) {
+        EXPECT_EQ(Osb::ReplaceFileAtomically(folder, bad, u"f.tmp", bytes,
+                                             Osb::FileAccess::kOwnerOnly),
+                  Err::kInvalidName);
+        EXPECT_EQ(Osb::ReplaceFileAtomically(folder, u"f", bad, bytes,
+                                             Osb::FileAccess::kOwnerOnly),
+                  Err::kInvalidName);
+    }
+    EXPECT_EQ(Osb::ReplaceFileAtomically(folder, u"f", u"f", bytes, Osb::FileAccess::kOwnerOnly),
+              Err::kInvalidName);
+    EXPECT_EQ(vigil_test::FileNamesIn(root.path()), (std::set<std::string>{"f", "var"}));
 }
 
 }  // namespace

@@ -1,4 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
 
 #include <cstdint>
 #include <filesystem>
@@ -11,12 +18,14 @@
 #include <string>
 #include <vector>
 
+#include "platform/ErrorCode.h"
 #include "platform/Exception.h"
 #include "platform/Utf.h"
 #include "service/VigilWatchFolderCache.h"
 #include "service/VigilWatchFolderDatabase.h"
 #include "tests/support/PollUntil.h"
 #include "tests/support/FileNamesIn.h"
+#include "tests/support/ScopedUmask.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/Utf16Le.h"
 #include "tests/service/SequenceGuid.h"
@@ -61,7 +70,10 @@ class WatchFolderCacheTest : public ::testing::Test {
                   static_cast<std::streamsize>(bytes.size()));
     }
     std::vector<uint8_t> bytesOf(const char16_t* name) const {
-        std::ifstream in(data_ + Osb::Utf16ToUtf8(name), std::ios::binary);
+        return bytesAt(data_ + Osb::Utf16ToUtf8(name));
+    }
+    static std::vector<uint8_t> bytesAt(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
         return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
     std::set<std::string> dataFiles() const { return vigil_test::FileNamesIn(data_); }
@@ -315,6 +327,252 @@ TEST_F(WatchFolderCacheTest, GarbageAndCutFilesLoadAPrefixAndNeverMore) {
             EXPECT_EQ(loaded.saves, 0);
         }
     }
+}
+
+// Sets or clears the immutable flag of `path` (the file system may not have one); true when done.
+bool SetImmutable(const std::string& path, bool on) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    int flags = 0;
+    bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    if (done) {
+        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        done = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    }
+    ::close(fd);
+    return done;
+}
+
+// Caps the size of any file this process writes while the object lives; a write past it fails
+// with EFBIG instead of raising SIGXFSZ.
+class ScopedFileSizeLimit {
+  public:
+    explicit ScopedFileSizeLimit(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &previous_);
+        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit = previous_;
+        limit.rlim_cur = bytes;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~ScopedFileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, previousHandler_);
+    }
+    ScopedFileSizeLimit(const ScopedFileSizeLimit&) = delete;
+    ScopedFileSizeLimit& operator=(const ScopedFileSizeLimit&) = delete;
+
+  private:
+    rlimit previous_{};
+    void (*previousHandler_)(int) = SIG_DFL;
+};
+
+// What stands in the data folder before a save, and what the save leaves: the file whole and
+// private, or, when it cannot be done, the old file untouched; never a temporary file, and never a
+// write through a planted link.
+TEST_F(WatchFolderCacheTest, SaveReplacesTheFileWholeAndPrivatelyOrLeavesTheOldOne) {
+    const vigil_test::ScopedUmask openMask(0);
+    const std::string current = data_ + "WatchFolder.3.cache";
+    const std::string temporary = data_ + "WatchFolder.3.cache.tmp";
+    const std::string victim = root_ / "victim";
+    const std::vector<uint8_t> oldBytes = Utf16Le(u"0.5\n" + line3("b"));
+    const std::vector<uint8_t> victimBytes = {'k', 'e', 'e', 'p'};
+    const CachedFolderTable table = {{SequenceGuid(), {{folder("a"), {1, 1, 0, 0}}}}};
+    const std::vector<uint8_t> newBytes = Vigil::Watch::encodeCacheFile(table);
+
+    struct Row {
+        const char* what;
+        std::function<bool()> arrange;  // false: the file system cannot do it here
+        uint32_t status;                // 0: saved
+    };
+    auto writeFile = [](const std::string& path, const std::vector<uint8_t>& bytes, int mode) {
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()),
+                   static_cast<std::streamsize>(bytes.size()));
+        fs::permissions(path, fs::perms(mode));
+    };
+    const Row rows[] = {
+        {"nothing there", [] { return true; }, 0},
+        {"an older file readable by everyone",
+         [&] {
+             writeFile(current, oldBytes, 0666);
+             return true;
+         },
+         0},
+        {"a temporary file a crash left",
+         [&] {
+             writeFile(current, oldBytes, 0600);
+             writeFile(temporary, {1, 2, 3}, 0644);
+             return true;
+         },
+         0},
+        {"a link at the file's name",
+         [&] {
+             fs::create_symlink(victim, current);
+             return true;
+         },
+         0},
+        {"a link at the temporary name",
+         [&] {
+             writeFile(current, oldBytes, 0600);
+             fs::create_symlink(victim, temporary);
+             return true;
+         },
+         0},
+        {"a dangling link at the temporary name",
+         [&] {
+             fs::remove(victim);
+             fs::create_symlink(victim, temporary);
+             return true;
+         },
+         0},
+        {"a folder at the temporary name",
+         [&] {
+             writeFile(current, oldBytes, 0600);
+             fs::create_directories(temporary + "/inside");
+             return true;
+         },
+         Osb::Err::kAlreadyExists},
+        {"a folder at the file's name",
+         [&] {
+             fs::create_directories(current + "/inside");
+             return true;
+         },
+         Osb::Err::kAccessDenied},
+        {"an old file that cannot be replaced",
+         [&] {
+             writeFile(current, oldBytes, 0600);
+             return SetImmutable(current, true);
+         },
+         Osb::Err::kAccessDenied},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        fs::remove_all(data_);
+        fs::create_directory(data_);
+        fs::permissions(data_, fs::perms(0700));
+        writeFile(victim, victimBytes, 0644);
+        if (!row.arrange()) {
+            std::printf("[ SKIPPED  ] %s: no immutable files on this file system\n", row.what);
+            continue;
+        }
+        const bool hadOld = fs::is_regular_file(fs::symlink_status(current));
+        uint32_t status = 0;
+        try {
+            cache_.save(table);
+        } catch (const Osb::ExSystem& e) {
+            status = e.status();
+        }
+        SetImmutable(current, false);
+        EXPECT_EQ(status, row.status);
+        EXPECT_FALSE(fs::exists(fs::symlink_status(temporary)) && !fs::is_directory(temporary));
+        // The target of a planted link is neither written nor made.
+        if (std::string(row.what) == "a dangling link at the temporary name") {
+            EXPECT_FALSE(fs::exists(victim));
+        } else {
+            EXPECT_EQ(bytesAt(victim), victimBytes);
+        }
+        if (status == 0) {
+            EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(current)));
+            EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), newBytes);
+            EXPECT_EQ(vigil_test::ModeOf(current.c_str()), 0600);
+            EXPECT_EQ(dataFiles(), std::set<std::string>{"WatchFolder.3.cache"});
+        } else if (hadOld) {
+            EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), oldBytes);
+        }
+    }
+}
+
+TEST_F(WatchFolderCacheTest, AWriteThatFailsLeavesTheOldFileAndTheNextSaveWritesAgain) {
+    const CachedFolderTable small = {{SequenceGuid(), {{folder("a"), {1, 1, 0, 0}}}}};
+    CachedFolderTable large = small;
+    for (int i = 0; i < 40; ++i) {
+        large[SequenceGuid()].push_back({folder("b") + W(std::to_string(i)), {}});
+    }
+    cache_.save(small);
+    const std::vector<uint8_t> before = bytesOf(Vigil::Watch::kCacheFileName3);
+    {
+        // The larger file cannot be written past this size, as on a disk that is full.
+        const ScopedFileSizeLimit limit(before.size() + 100);
+        try {
+            cache_.save(large);
+            ADD_FAILURE() << "no exception";
+        } catch (const Osb::ExSystem& e) {
+            EXPECT_EQ(e.status(), Osb::Err::kFileTooLarge);
+        }
+    }
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), before);
+    EXPECT_EQ(dataFiles(), std::set<std::string>{"WatchFolder.3.cache"});
+    cache_.save(large);
+    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), Vigil::Watch::encodeCacheFile(large));
+}
+
+TEST_F(WatchFolderCacheTest, ADataFolderThatIsALinkOrAnotherUsersIsNotWritten) {
+    const std::string real = root_ / "real/";
+    const std::string link = root_ / "link";
+    fs::create_directories(real);
+    fs::create_directory_symlink(real, link);
+    const CachedFolderTable table = {{SequenceGuid(), {{folder("a"), {1, 1, 0, 0}}}}};
+    for (const std::string& folderPath : {link + "/", link, data_}) {
+        SCOPED_TRACE(folderPath);
+        if (folderPath == data_) {
+            ASSERT_EQ(::chown(data_.c_str(), 65534, 65534), 0);
+        }
+        Vigil::Watch::WatchFolderCache cache;
+        cache.setDataFolder(W(folderPath));
+        try {
+            cache.save(table);
+            ADD_FAILURE() << "no exception";
+        } catch (const Osb::ExSystem& e) {
+            EXPECT_EQ(e.status(), Osb::Err::kAccessDenied);
+        }
+    }
+    EXPECT_TRUE(fs::is_empty(real));
+    EXPECT_TRUE(dataFiles().empty());
+}
+
+TEST_F(WatchFolderCacheTest, LoadRemovesAStaleTemporaryUnreadAndTightensAnOpenFile) {
+    const vigil_test::ScopedUmask openMask(0);
+    const std::string current = data_ + "WatchFolder.3.cache";
+    struct Row {
+        const char* what;
+        bool withCurrent;
+        std::vector<std::string> loaded;
+    };
+    const Row rows[] = {{"beside the current file", true, {"a"}},
+                        {"alone", false, {}}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        for (const auto& entry : fs::directory_iterator(data_)) fs::remove(entry.path());
+        // A whole list that a crash kept from being renamed: it never counts.
+        put(Vigil::Watch::kCacheTemporaryName, Utf16Le(u"0.5\n" + line3("b")));
+        if (row.withCurrent) {
+            put(Vigil::Watch::kCacheFileName3, Utf16Le(u"0.5\n" + line3("a")));
+            fs::permissions(current, fs::perms(0644));
+        }
+        const Loaded loaded = load();
+        std::vector<std::u16string> want;
+        for (const std::string& name : row.loaded) want.push_back(folder(name));
+        std::vector<std::u16string> paths;
+        for (const WatchedFolder& f : loaded.folders) paths.push_back(f.path);
+        EXPECT_EQ(paths, want);
+        EXPECT_EQ(loaded.saves, 0);
+        EXPECT_EQ(dataFiles(), row.withCurrent ? std::set<std::string>{"WatchFolder.3.cache"}
+                                               : std::set<std::string>{});
+        if (row.withCurrent) {
+            EXPECT_EQ(vigil_test::ModeOf(current.c_str()), 0600);
+        }
+    }
+}
+
+TEST_F(WatchFolderCacheTest, LoadDoesNotFollowALinkAtTheFilesName) {
+    // A readable list elsewhere, linked in where the current file belongs.
+    const std::string elsewhere = root_ / "elsewhere.cache";
+    std::ofstream(elsewhere, std::ios::binary) << Utf16Le<std::string>(u"0.5\n" + line3("a"));
+    fs::permissions(elsewhere, fs::perms(0644));
+    fs::create_symlink(elsewhere, data_ + "WatchFolder.3.cache");
+    const Loaded loaded = load();
+    EXPECT_TRUE(loaded.folders.empty());
+    EXPECT_EQ(vigil_test::ModeOf(elsewhere.c_str()), 0644);
 }
 
 // The cache as Watch::Database drives it: open loads and migrates through the database's own
