@@ -2,6 +2,7 @@
 // which folders a client sees, and what the start leaves there.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -93,6 +94,52 @@ TEST_F(CacheE2eTest, AMalformedLineEndsTheLoadAndTheStartRewritesWhatCameBefore)
     EXPECT_EQ(foldersSeenByOneRun(), std::vector<std::string>{before});
     EXPECT_EQ(bytesOf("WatchFolder.3.cache"),
               Utf16Le<std::string>(Osb::Utf8ToUtf16("0.5\n" + good)));
+    EXPECT_EQ(dataFiles(), std::set<std::string>{"WatchFolder.3.cache"});
+}
+
+TEST_F(CacheE2eTest, ADataFolderThatIsALinkOrAnotherUsersStopsTheStartAndIsLeftAlone) {
+    const std::string planted = root_ / "planted/";
+    const std::string folder = data_.substr(0, data_.size() - 1);  // without its closing '/'
+    for (const bool link : {true, false}) {
+        SCOPED_TRACE(link ? "a symbolic link" : "a folder of another user");
+        fs::remove_all(folder);
+        fs::create_directories(planted);
+        fs::permissions(planted, fs::perms::all);
+        if (link) {
+            fs::create_directory_symlink(planted, folder);
+        } else {
+            fs::create_directories(folder);
+            fs::permissions(folder, fs::perms::all);
+            ASSERT_EQ(chown(folder.c_str(), 65534, 65534), 0);
+        }
+        const Finished run = RunAgent({"/PORT", "cache"});
+        EXPECT_EQ(run.status, 5);
+        EXPECT_NE(run.err.find("Operating System Error = 5"), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find(data_), std::string::npos) << run.err;
+        // Nothing was written through the link, and no right was changed.
+        EXPECT_TRUE(fs::is_empty(planted));
+        EXPECT_EQ(fs::status(planted).permissions(), fs::perms::all);
+        if (link) {
+            EXPECT_TRUE(fs::is_symlink(folder));
+        } else {
+            EXPECT_EQ(fs::status(folder).permissions(), fs::perms::all);
+        }
+    }
+}
+
+TEST_F(CacheE2eTest, TheStartMakesTheDataFolderAndTheFilePrivateAndRemovesAStaleTemporary) {
+    const std::string kept = root_ / "kept/";
+    fs::create_directories(kept);
+    fs::permissions(data_, fs::perms(0755));
+    const std::string line = kText + ", 1, 1, 0, 0, " + kept + "\n";
+    put("WatchFolder.3.cache", "0.5\n" + line);
+    fs::permissions(data_ + "WatchFolder.3.cache", fs::perms(0644));
+    put("WatchFolder.3.cache.tmp", "0.5\n");
+
+    EXPECT_EQ(foldersSeenByOneRun(), std::vector<std::string>{kept});
+    EXPECT_EQ(fs::status(data_).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(fs::status(data_ + "WatchFolder.3.cache").permissions(),
+              fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(dataFiles(), std::set<std::string>{"WatchFolder.3.cache"});
 }
 
