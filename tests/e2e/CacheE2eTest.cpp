@@ -112,7 +112,7 @@ TEST_F(CacheE2eTest, ADataFolderThatIsALinkOrAnotherUsersStopsTheStartAndIsLeftA
             fs::permissions(folder, fs::perms::all);
             ASSERT_EQ(chown(folder.c_str(), 65534, 65534), 0);
         }
-        const Finished run = RunAgent({"/PORT", "cache"});
+        const Finished run = RunAgent({"/PORT", "cache"}, 20000);
         EXPECT_EQ(run.status, 5);
         EXPECT_NE(run.err.find("Operating System Error = 5"), std::string::npos) << run.err;
         EXPECT_NE(run.err.find(data_), std::string::npos) << run.err;
