@@ -1,6 +1,8 @@
 // The watch folder cache: the file in the data folder that keeps each client's watched folders
-// between two runs. It is read once at start-up and rewritten in full after each change of the
-// folder table; its bytes are described in VigilWatchFolderCacheFormat.h.
+// between two runs. It is read once at start-up and replaced whole, atomically, after each change
+// of the folder table; its bytes are described in VigilWatchFolderCacheFormat.h. It lists every
+// client's GUID, so it is private to the service's user (0600), and nothing here follows a
+// symbolic link found in the data folder.
 //
 // Watch::Database owns one WatchFolderCache and calls it with the database lock held; the object
 // has no lock of its own and must not be used by two threads at once. The cache keeps only the
