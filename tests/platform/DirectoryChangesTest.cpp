@@ -206,14 +206,26 @@ TEST_F(DirectoryChangesTest, CloseEndsTheReadWithZeroBytes) {
     EXPECT_EQ(w.bytes(), 0u);
 }
 
-TEST_F(DirectoryChangesTest, DeletedFolderEndsTheReadWithAnError) {
-    Watch w(folder_, true);
-    ASSERT_TRUE(w.issue());
-    fs::remove_all(folder_);
-    // The deletes of the entries may come first; the end is an error.
-    for (int i = 0; i < 10 && w.wait() && w.bytes() > 0; ++i) ASSERT_TRUE(w.issue());
-    EXPECT_NE(w.error(), 0u);
-    EXPECT_EQ(w.bytes(), 0u);
+// A folder deleted or moved away ends the read with error 2, the end that tells a folder gone
+// from a failure inside a watch that goes on.
+TEST_F(DirectoryChangesTest, AFolderThatGoesEndsTheReadWithFileNotFound) {
+    for (bool movedAway : {false, true}) {
+        SCOPED_TRACE(movedAway ? "moved away" : "deleted");
+        fs::create_directories(folder_ + "/inside");
+        Watch w(folder_, true);
+        ASSERT_TRUE(w.issue());
+        if (movedAway) {
+            fs::rename(folder_, root_ / "elsewhere");
+        } else {
+            fs::remove_all(folder_);
+        }
+        // The deletes of the entries may come first; the end is the error.
+        for (int i = 0; i < 10 && w.wait() && w.bytes() > 0; ++i) ASSERT_TRUE(w.issue());
+        EXPECT_EQ(w.error(), Osb::Err::kFileNotFound);
+        EXPECT_EQ(w.bytes(), 0u);
+        w.close();
+        fs::remove_all(root_ / "elsewhere");
+    }
 }
 
 // Changes gathered while no read was outstanding are not lost when the folder goes: they come
