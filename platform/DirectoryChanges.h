@@ -95,6 +95,9 @@ size_t ChangeQueuesForTesting();
 // For tests: while held, the backend takes nothing from its kernel queues, which fill up as they
 // would behind a stopped process; released, it goes on.
 void HoldChangeQueuesForTesting(bool hold);
+// For tests: how many owners get a kernel queue of their own (the folders opened from then on);
+// the owners past them share one queue.
+void SetOwnerQueueLimitForTesting(size_t limit);
 
 // The attributes of `path` as the directory test sees them (from lstat): 0x10 directory, +0x400
 // symbolic link, +0x02 a last component beginning with '.', +0x01 owner may not write; 0x80 when

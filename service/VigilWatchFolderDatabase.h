@@ -4,7 +4,7 @@
 // Records are keyed by GUID and outlive connections.
 //
 // Threads: the service's start/stop path (open, close), the handler threads, and the watch thread
-// from its completions (addChanges, removeChanges, removeFolders). Every operation takes the
+// from its completions (addWatchChanges, removeChanges, folderGone). Every operation takes the
 // database lock for itself, except the *Locked ones and save, whose caller holds it.
 //
 // Lock order: a Client's mutex, then the database lock, then the thread lock of Watch::Thread.

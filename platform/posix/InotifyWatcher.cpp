@@ -65,7 +65,7 @@ InotifyQueue* Watcher::queueFor(uint32_t owner) {
             ++ownerQueues;
         }
     }
-    const bool ownQueue = ownerQueues < kOwnerQueueLimit;
+    const bool ownQueue = ownerQueues < ownerQueueLimit;
     if (!ownQueue && shared) return shared;
     int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0) {
@@ -141,6 +141,11 @@ void Watcher::hold(bool hold) {
     std::lock_guard<std::mutex> lock(mutex);
     held = hold;
     if (!hold && wakeFd >= 0) wake();
+}
+
+void Watcher::setOwnerQueueLimit(size_t limit) {
+    std::lock_guard<std::mutex> lock(mutex);
+    ownerQueueLimit = limit;
 }
 
 void Watcher::wake() {
@@ -367,5 +372,7 @@ size_t WatchedDirectoriesForTesting() { return Watcher::instance().watchedDirect
 size_t ChangeQueuesForTesting() { return Watcher::instance().queueCount(); }
 
 void HoldChangeQueuesForTesting(bool hold) { Watcher::instance().hold(hold); }
+
+void SetOwnerQueueLimitForTesting(size_t limit) { Watcher::instance().setOwnerQueueLimit(limit); }
 
 }  // namespace Osb

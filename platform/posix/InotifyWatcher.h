@@ -139,6 +139,7 @@ public:
     size_t watchedDirectories();
     size_t queueCount();
     void hold(bool held);
+    void setOwnerQueueLimit(size_t limit);
 
 private:
     bool ensureStarted();  // REQUIRES: lifecycle and mutex
@@ -186,6 +187,7 @@ private:
     bool held = false;           // guarded by mutex; the reader leaves the queues alone
     size_t openHandles = 0;      // guarded by mutex
     uint64_t nextTag = 1;        // guarded by mutex; 0 tags the wake-up descriptor
+    size_t ownerQueueLimit = kOwnerQueueLimit;  // guarded by mutex; lowered by tests
     std::vector<std::unique_ptr<InotifyQueue>> queues;  // guarded by mutex
     std::deque<HDirectory> rescans;  // guarded by mutex; the handles with a rescan under way
     // Reader thread only, under mutex: the handles of the event being filed, and of the drain.

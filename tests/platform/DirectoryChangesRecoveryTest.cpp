@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <fstream>
 #include <set>
 #include <string>
@@ -234,6 +235,44 @@ TEST_F(DirectoryChangesRecoveryTest, AStormStaysWithTheQueueOfItsFoldersOwner) {
         EXPECT_EQ(std::count(calmSeen.begin(), calmSeen.end(), Change{kAdded, "older"}) > 0,
                   c.otherRescanned);
     }
+}
+
+// Past the limit of owners with a queue of their own, the further owners share one queue, and a
+// storm there reaches the folders of every owner on it, but not those with a queue of their own.
+TEST_F(DirectoryChangesRecoveryTest, OwnersPastTheLimitShareOneQueue) {
+    struct Limit {
+        Limit() { Osb::SetOwnerQueueLimitForTesting(1); }
+        ~Limit() { Osb::SetOwnerQueueLimitForTesting(32); }
+    } limit;
+    const std::vector<uid_t> owners{0, 4243, 4244};
+    std::vector<std::unique_ptr<Watch>> watches;
+    const size_t queuesBefore = Osb::ChangeQueuesForTesting();
+    for (uid_t owner : owners) {
+        const std::string folder = makeFolder("shared-" + std::to_string(owner));
+        Touch(folder + "/older");
+        ASSERT_EQ(::chown(folder.c_str(), owner, owner), 0);
+        watches.push_back(std::make_unique<Watch>(folder, false));
+        ASSERT_TRUE(watches.back()->issue());
+    }
+    EXPECT_EQ(Osb::ChangeQueuesForTesting() - queuesBefore, 2u);  // owner 0's, and the shared one
+    {
+        HeldQueues held;
+        Storm(root_ / "shared-4243", limit_ + 100);
+    }
+    bool ended = false;
+    for (size_t i = 1; i < owners.size(); ++i) {
+        ASSERT_TRUE(watches[i]->wait(20000));
+        ASSERT_GT(watches[i]->bytes(), 0u);
+        std::vector<Change> seen = watches[i]->decode();
+        if (std::count(seen.begin(), seen.end(), Change{kAdded, "older"}) == 0)
+            seen = ReadUntil(*watches[i], {{kAdded, "older"}}, ended);
+        EXPECT_TRUE(std::count(seen.begin(), seen.end(), Change{kAdded, "older"}) > 0) << owners[i];
+    }
+    const std::string own = root_ / "shared-0";
+    Touch(own + "/new");
+    ASSERT_TRUE(watches[0]->wait(20000));  // its first read, outstanding since before the storm
+    ASSERT_GT(watches[0]->bytes(), 0u);
+    EXPECT_EQ(watches[0]->decode(), (std::vector<Change>{{kAdded, "new"}}));
 }
 
 // The kernel's watch limit is lowered in a user namespace of a child's own, which leaves the
