@@ -9,12 +9,21 @@
 // Ends of a read:
 //   - changes:             error 0, bytes > 0.
 //   - CloseDirectory:      error 0, bytes 0 (also for a read issued after the close).
-//   - kernel overflow:     error 0, bytes 0; the changes that did not fit are lost.
-//   - the folder deleted, moved away or unmounted: an error code (2), bytes 0, once the changes
-//     held before it have been delivered.
-//   - a watch the kernel refuses (too many watches): an error code, never silence.
+//   - the folder deleted, moved away or unmounted: error 2 (kFileNotFound), bytes 0, once the
+//     changes held before it have been delivered. The handle is done: no later read brings more.
+//   - a directory of the tree that the kernel would not watch for want of room (its watch limit,
+//     max_user_watches): another error code (112 for the limit), bytes 0, after the changes held
+//     before it. The handle goes on: that directory is left out, the rest of the tree stays
+//     watched, and the next read carries on. The folder itself refused fails the first read.
 // Changes that arrive while no read is outstanding are kept and delivered by the next read, over
-// as many reads as they need; only a kernel overflow loses any.
+// as many reads as they need.
+//
+// A kernel queue overflow ends no read and no handle. The changes the kernel kept are delivered;
+// then every entry of each folder on that queue (of its whole tree, for a subtree watch) is
+// reported once as created (1), so that the caller looks at all of it again; directories made
+// meanwhile are watched from then on. Folders are queued by their owner (the user owning the
+// opened folder), so a storm in one user's folders costs only the folders of that user, while
+// the owners past a fixed number share one queue.
 //
 // Changes reported (the filter of file names, directory names and attributes): a name created
 // (1), deleted (2), its attributes changed (3), renamed from (4) and to (5). A content write alone
@@ -79,8 +88,16 @@ bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool
 void CloseDirectory(HDirectory handle);
 
 // For tests: the directories the backend watches right now, over every open handle (a directory
-// watched by two handles counts once).
+// watched by two handles of one queue counts once).
 size_t WatchedDirectoriesForTesting();
+// For tests: the kernel queues in use right now.
+size_t ChangeQueuesForTesting();
+// For tests: while held, the backend takes nothing from its kernel queues, which fill up as they
+// would behind a stopped process; released, it goes on.
+void HoldChangeQueuesForTesting(bool hold);
+// For tests: how many owners get a kernel queue of their own (the folders opened from then on);
+// the owners past them share one queue.
+void SetOwnerQueueLimitForTesting(size_t limit);
 
 // The attributes of `path` as the directory test sees them (from lstat): 0x10 directory, +0x400
 // symbolic link, +0x02 a last component beginning with '.', +0x01 owner may not write; 0x80 when

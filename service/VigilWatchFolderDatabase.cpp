@@ -51,12 +51,28 @@ void Database::addFoldersLocked(const Guid& guid, const std::vector<WatchedFolde
         });
         if (known) continue;
         mine.push_back(folder);
+        auto [first, last] = pending_.equal_range(guid);
+        for (auto it = first; it != last; ++it) {
+            if (it->second.folder == folder.path) it->second.gone = false;
+        }
         if (thread_) thread_->startWatch(guid, folder.path, folder.options);
     }
 }
 
 void Database::removeFolders(const Guid& guid, const std::vector<WatchedFolder>& folders) {
     Osb::MutexLock lock(mutex_);
+    removeFoldersLocked(guid, folders, false);
+    save();
+}
+
+void Database::folderGone(const Guid& guid, const std::u16string& folder) {
+    Osb::MutexLock lock(mutex_);
+    if (removeFoldersLocked(guid, {WatchedFolder{folder, FolderOptions{}}}, true)) save();
+}
+
+bool Database::removeFoldersLocked(const Guid& guid, const std::vector<WatchedFolder>& folders,
+                                   bool keepNames) {
+    bool removed = false;
     auto record = folders_.find(guid);
     if (record != folders_.end()) {
         std::vector<WatchedFolder>& mine = record->second;
@@ -65,10 +81,38 @@ void Database::removeFolders(const Guid& guid, const std::vector<WatchedFolder>&
             if (std::none_of(mine.begin(), mine.end(), same)) continue;
             if (thread_) thread_->stopWatch(guid, folder.path);
             mine.erase(std::remove_if(mine.begin(), mine.end(), same), mine.end());
+            removed = true;
+            if (!keepNames) continue;
+            auto [first, last] = pending_.equal_range(guid);
+            for (auto it = first; it != last; ++it) {
+                if (it->second.folder != folder.path) continue;
+                if (it->second.names.empty()) {
+                    pending_.erase(it);
+                } else {
+                    it->second.gone = true;
+                }
+                break;
+            }
         }
         if (mine.empty()) folders_.erase(record);
     }
-    save();
+    if (keepNames) return removed;
+    for (const WatchedFolder& folder : folders) {
+        auto [first, last] = pending_.equal_range(guid);
+        for (auto it = first; it != last; ++it) {
+            if (it->second.folder != folder.path) continue;
+            pending_.erase(it);
+            break;
+        }
+    }
+    return removed;
+}
+
+bool Database::hasFolderLocked(const Guid& guid, const std::u16string& path) {
+    auto record = folders_.find(guid);
+    if (record == folders_.end()) return false;
+    return std::any_of(record->second.begin(), record->second.end(),
+                       [&](const WatchedFolder& have) { return have.path == path; });
 }
 
 void Database::getFolders(const Guid& guid, std::vector<WatchedFolder>& result) {
@@ -81,7 +125,34 @@ void Database::getFolders(const Guid& guid, std::vector<WatchedFolder>& result) 
             (Osb::PathExists(folder.path) ? result : missing).push_back(folder);
         }
     }
-    if (!missing.empty()) removeFolders(guid, missing);
+    if (missing.empty()) return;
+    Osb::MutexLock lock(mutex_);
+    if (removeFoldersLocked(guid, missing, true)) save();
+}
+
+void Database::changesToSend(const Guid& guid, bool clear, std::vector<PendingRecord>& result) {
+    std::vector<WatchedFolder> folders;
+    getFolders(guid, folders);
+    for (const WatchedFolder& folder : folders) {
+        PendingRecord record{folder.path, {}, false};
+        getChanges(guid, folder.path, record.names, clear);
+        if (!record.names.empty()) result.push_back(std::move(record));
+    }
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last;) {
+        if (!it->second.gone || it->second.names.empty()) {
+            ++it;
+            continue;
+        }
+        if (!clear) {
+            result.push_back(it->second);
+            ++it;
+            continue;
+        }
+        result.push_back(std::move(it->second));
+        it = pending_.erase(it);
+    }
 }
 
 void Database::getChanges(const Guid& guid, const std::u16string& folder,
@@ -110,6 +181,11 @@ void Database::addChanges(const Guid& guid, const std::u16string& folder,
 void Database::addChanges(const Guid& guid, const std::u16string& folder,
                           std::vector<std::u16string>&& names) {
     Osb::MutexLock lock(mutex_);
+    addChangesLocked(guid, folder, std::move(names));
+}
+
+void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
+                                std::vector<std::u16string>&& names) {
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
@@ -124,6 +200,12 @@ void Database::addChanges(const Guid& guid, const std::u16string& folder,
     }
     // Behind the client's other records: a multimap inserts equal keys at the end of their range.
     pending_.insert({guid, PendingRecord{folder, std::move(names)}});
+}
+
+void Database::addWatchChanges(const Guid& guid, const std::u16string& folder,
+                               std::vector<std::u16string>&& names) {
+    Osb::MutexLock lock(mutex_);
+    if (hasFolderLocked(guid, folder)) addChangesLocked(guid, folder, std::move(names));
 }
 
 void Database::removeChanges(const Guid& guid, const std::u16string& folder,

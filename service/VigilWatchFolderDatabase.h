@@ -4,7 +4,7 @@
 // Records are keyed by GUID and outlive connections.
 //
 // Threads: the service's start/stop path (open, close), the handler threads, and the watch thread
-// from its completions (addChanges, removeChanges, removeFolders). Every operation takes the
+// from its completions (addWatchChanges, removeChanges, folderGone). Every operation takes the
 // database lock for itself, except the *Locked ones and save, whose caller holds it.
 //
 // Lock order: a Client's mutex, then the database lock, then the thread lock of Watch::Thread.
@@ -35,6 +35,9 @@ class Thread;
 struct PendingRecord {
     std::u16string folder;              // the watched folder's path
     std::vector<std::u16string> names;  // relative to it; repeats allowed
+    // The folder left the client's table because it went (deleted, moved away, unmounted): the
+    // names wait to be collected, and the record goes once they are.
+    bool gone = false;
 };
 
 class Database {
@@ -58,14 +61,28 @@ class Database {
     void close();
 
     // Adds each folder the client does not have yet (by path; options of a known path stay) and
-    // starts its watch, then saves. A client record is made even for an empty list.
+    // starts its watch, then saves. A client record is made even for an empty list. A path whose
+    // folder went with names not yet collected takes those names over: they are sent with the
+    // new folder's, once.
     void addFolders(const Guid& guid, const std::vector<WatchedFolder>& folders);
     // Stops and removes each listed path the client has; drops the client's record once empty;
-    // then saves. Pending names stay.
+    // then saves. The client no longer wants the folder: its pending names go too, also those of
+    // a folder of that path that went before.
     void removeFolders(const Guid& guid, const std::vector<WatchedFolder>& folders);
+    // The folder went (deleted, moved away, unmounted): it is stopped and removed as by
+    // removeFolders, but its pending names stay to be collected (changesToSend). Saves when the
+    // client had the folder. Called by the watch thread.
+    void folderGone(const Guid& guid, const std::u16string& folder);
     // Appends the client's folders that still exist to `result`, in their order; the ones that
-    // have gone are removed (removeFolders) after the lock is released.
+    // have gone are dropped as by folderGone after the lock is released.
     void getFolders(const Guid& guid, std::vector<WatchedFolder>& result);
+    // What a GetChanges reply carries: the pending names of each of the client's folders, in
+    // their order (folders that went are dropped first, as by getFolders), then those of the
+    // folders that went, in the order they went. Records without names are left out. With
+    // `clear` the names are taken off the lists, and a gone folder's record goes. Appends to
+    // `result`. Each folder is looked at under the lock by itself: names that land meanwhile are
+    // in this result or the next.
+    void changesToSend(const Guid& guid, bool clear, std::vector<PendingRecord>& result);
     // Replaces `names` with the folder's pending list, emptied when `clear`; leaves `names` as it
     // was when the folder has no pending record.
     void getChanges(const Guid& guid, const std::u16string& folder,
@@ -76,6 +93,11 @@ class Database {
                     const std::vector<std::u16string>& names);
     void addChanges(const Guid& guid, const std::u16string& folder,
                     std::vector<std::u16string>&& names);
+    // addChanges for the watch of (guid, folder): nothing is added once the client no longer has
+    // the folder, so that a batch that was on its way while the folder was removed leaves no
+    // names behind to reappear for a later folder of the same path.
+    void addWatchChanges(const Guid& guid, const std::u16string& folder,
+                         std::vector<std::u16string>&& names);
     // Takes every occurrence of each name off the folder's list; an empty list then goes.
     void removeChanges(const Guid& guid, const std::u16string& folder,
                        const std::vector<std::u16string>& names);
@@ -96,6 +118,14 @@ class Database {
     void runLockedForTesting(const std::function<void()>& work);
 
   private:
+    // Stops and removes the listed paths the client has; `keepNames` marks their pending records
+    // gone, else they go. True when the client had any of them. REQUIRES: the database lock.
+    bool removeFoldersLocked(const Guid& guid, const std::vector<WatchedFolder>& folders,
+                             bool keepNames) OSB_REQUIRES(mutex_);
+    bool hasFolderLocked(const Guid& guid, const std::u16string& path) OSB_REQUIRES(mutex_);
+    void addChangesLocked(const Guid& guid, const std::u16string& folder,
+                          std::vector<std::u16string>&& names) OSB_REQUIRES(mutex_);
+
     // The database lock. Taken after a Client's mutex, before the thread lock.
     Osb::Mutex mutex_;
     std::map<Guid, std::vector<WatchedFolder>> folders_ OSB_GUARDED_BY(mutex_);

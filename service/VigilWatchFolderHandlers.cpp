@@ -119,11 +119,6 @@ uint32_t PutString(uint8_t* body, uint8_t* entry, uint32_t at, const std::u16str
     return at + bytes;
 }
 
-struct FolderChanges {
-    std::u16string path;
-    std::vector<std::u16string> names;
-};
-
 }  // namespace
 
 void ParseFolderList(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders) {
@@ -232,23 +227,15 @@ void SendFolderList(const ClientSoftRef& client, uint32_t requestId,
 }
 
 void SendChanges(const ClientSoftRef& client, uint32_t requestId, bool clear) {
-    Watch::Database& database = Watch::ProcessDatabase();
-    std::vector<Watch::WatchedFolder> folders;
-    database.getFolders(client->guid, folders);
-
-    // Each folder is asked for by itself: names may land between two calls, and are then in this
-    // reply or the next.
-    std::vector<FolderChanges> pending;
+    // The client's folders, then the ones that went with names still pending.
+    std::vector<Watch::PendingRecord> pending;
+    Watch::ProcessDatabase().changesToSend(client->guid, clear, pending);
     uint64_t nameCount = 0;
     uint64_t stringBytes = 0;
-    for (const Watch::WatchedFolder& folder : folders) {
-        std::vector<std::u16string> names;
-        database.getChanges(client->guid, folder.path, names, clear);
-        if (names.empty()) continue;
-        nameCount += names.size();
-        stringBytes += StringBytes(folder.path);
-        for (const std::u16string& name : names) stringBytes += StringBytes(name);
-        pending.push_back({folder.path, std::move(names)});
+    for (const Watch::PendingRecord& folder : pending) {
+        nameCount += folder.names.size();
+        stringBytes += StringBytes(folder.folder);
+        for (const std::u16string& name : folder.names) stringBytes += StringBytes(name);
     }
 
     const uint64_t tables =
@@ -268,8 +255,8 @@ void SendChanges(const ClientSoftRef& client, uint32_t requestId, bool clear) {
     uint8_t* folderEntry = body + 16;
     uint32_t nameTableAt = 16 + kFolderRefBytes * static_cast<uint32_t>(pending.size());
     uint32_t at = static_cast<uint32_t>(16 + tables);
-    for (const FolderChanges& folder : pending) {
-        at = PutString(body, folderEntry, at, folder.path);
+    for (const Watch::PendingRecord& folder : pending) {
+        at = PutString(body, folderEntry, at, folder.folder);
         Store32(folderEntry + 12, static_cast<uint32_t>(folder.names.size()));
         Store32(folderEntry + 16, kStringRefBytes);
         Store32(folderEntry + 20, nameTableAt);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 
+#include "platform/ErrorCode.h"
 #include "platform/Exception.h"
 #include "platform/Utf.h"
 #include "service/VigilWatchFolderDatabase.h"
@@ -60,37 +61,46 @@ void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* ove
     Thread& thread = *record->thread;
     Database& database = *record->database;
 
-    if (errorCode != 0) {
-        // The folder is gone (deleted, moved away, unmounted): forget it for good.
-        Guarded(*record, "removing the folder", [&] {
-            database.removeFolders(record->guid, {WatchedFolder{record->path, FolderOptions{}}});
-        });
+    if (errorCode == Osb::Err::kFileNotFound) {
+        // The folder is gone (deleted, moved away, unmounted): forget it for good. The names it
+        // gathered stay for the client to collect.
+        Guarded(*record, "removing the folder",
+                [&] { database.folderGone(record->guid, record->path); });
         thread.releaseRecord(record);
         return;
     }
-    if (bytes == 0) {  // closed, or overflowed: the chain of this watch ends here
+    if (errorCode != 0) {
+        // A failure inside the watch (a directory the kernel would not watch for want of room):
+        // the folder is still there and the rest of it is watched, so the chain goes on.
+        std::fprintf(stderr, "watch of %s: a directory in it is left unwatched: %s\n",
+                     Osb::Utf16ToUtf8(record->path).c_str(),
+                     Osb::Utf16ToUtf8(Osb::ErrorText(errorCode)).c_str());
+    } else if (bytes == 0) {  // closed: the chain of this watch ends here
         thread.releaseRecord(record);
         return;
     }
 
     ChangeBatch batch;
-    try {
-        const FolderOptions options{record->watchSubtree, record->reportChanged,
-                                    record->reportRemoved, 0};
-        batch =
-            FilterChanges(record->path, options,
-                          DecodeNotifyBuffer(record->buffer, bytes, ReadRecord::kBufferBytes),
-                          [](const std::u16string& path) { return Osb::GetFileAttributes(path); });
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "watch of %s: batch lost: %s\n",
-                     Osb::Utf16ToUtf8(record->path).c_str(), error.what());
-        batch = ChangeBatch{};
+    if (bytes > 0) {
+        try {
+            const FolderOptions options{record->watchSubtree, record->reportChanged,
+                                        record->reportRemoved, 0};
+            batch = FilterChanges(
+                record->path, options,
+                DecodeNotifyBuffer(record->buffer, bytes, ReadRecord::kBufferBytes),
+                [](const std::u16string& path) { return Osb::GetFileAttributes(path); });
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "watch of %s: batch lost: %s\n",
+                         Osb::Utf16ToUtf8(record->path).c_str(), error.what());
+            batch = ChangeBatch{};
+        }
     }
     // Additions before removals: a name made and deleted in one batch does not stay on the list
     // of a folder that drops removed names.
     if (!batch.added.empty()) {
-        Guarded(*record, "adding changes",
-                [&] { database.addChanges(record->guid, record->path, std::move(batch.added)); });
+        Guarded(*record, "adding changes", [&] {
+            database.addWatchChanges(record->guid, record->path, std::move(batch.added));
+        });
     }
     if (!batch.dropped.empty()) {
         Guarded(*record, "removing changes",

@@ -1,7 +1,10 @@
 // onChanges: the completion routine of every directory read of the watch thread. It keeps the
 // watch's read chain going and turns a finished batch into calls on the watch's Database:
-//   - an error: the folder has gone; removeFolders for it, no next read;
-//   - zero bytes: a close or an overflow; the chain ends, nothing is reported;
+//   - error 2: the folder has gone; folderGone for it (its names stay to be collected), no next
+//     read;
+//   - another error: a failure inside the watch, written to standard error; the next read goes
+//     out as after a batch;
+//   - zero bytes without an error: a close; the chain ends, nothing is reported;
 //   - otherwise: the batch is filtered (FilterChanges) and reported with one addChanges and then
 //     one removeChanges; then the same record goes out as the watch's next read.
 // Runs on the watch thread only, inside its wait, with the thread lock released.

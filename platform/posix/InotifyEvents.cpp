@@ -14,19 +14,22 @@ uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool repo
     // The folder itself is found as its path names it, through a symbolic link too, as opening a
     // folder by path does; only the links met below it are not followed.
     const uint32_t mask = relative.empty() ? kWatchMask & ~uint32_t{IN_DONT_FOLLOW} : kWatchMask;
-    int wd = ::inotify_add_watch(inotifyFd, path.c_str(), mask);
+    int wd = ::inotify_add_watch(h->queue->fd, path.c_str(), mask);
     if (wd < 0) {
         // Below the folder, a directory that went away meanwhile, or one the service may not
         // read, is left out: it must not cost the whole folder its watch. A watch the kernel
-        // refuses for want of room (ENOSPC, ENOMEM) is a failure.
+        // refuses for want of room (ENOSPC, ENOMEM) is a failure, which the caller reports; the
+        // directory is left out and its entries are not reported, as it is not watched.
         if (!relative.empty() &&
             (errno == ENOENT || errno == ENOTDIR || errno == EACCES || errno == EPERM))
             return 0;
         return SetLastErrorFromErrno(errno, path.c_str());
     }
     if (relative.empty()) h->rootWd = wd;
-    if (h->dirs.find(wd) == h->dirs.end()) subscribers[wd].push_back(h);
+    if (h->dirs.find(wd) == h->dirs.end()) h->queue->subscribers[wd].push_back(h);
     h->dirs[wd] = relative;
+    // Made during a rescan: it is in the tree, and the rescan's end must not let go of it.
+    if (h->rescanning) h->rescanned.insert(wd);
     if (!h->subtree && !report) return 0;
     DIR* dir = ::opendir(path.c_str());
     if (dir == nullptr) return 0;
@@ -44,20 +47,23 @@ uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool repo
     }
     ::closedir(dir);
     if (!h->subtree) return 0;
+    uint32_t failure = 0;
     for (const std::string& sub : subdirectories) {
-        if (uint32_t error = watchTree(h, sub, report)) return error;
+        const uint32_t error = watchTree(h, sub, report);
+        if (failure == 0) failure = error;
     }
-    return 0;
+    return failure;
 }
 
 void Watcher::unwatch(HDirectory h, int wd) {
     h->dirs.erase(wd);
-    auto it = subscribers.find(wd);
-    if (it == subscribers.end()) return;
+    InotifyQueue& q = *h->queue;
+    auto it = q.subscribers.find(wd);
+    if (it == q.subscribers.end()) return;
     std::erase(it->second, h);
     if (it->second.empty()) {
-        subscribers.erase(it);
-        ::inotify_rm_watch(inotifyFd, wd);
+        q.subscribers.erase(it);
+        ::inotify_rm_watch(q.fd, wd);
     }
 }
 
@@ -88,20 +94,17 @@ void Watcher::unwatchBelow(HDirectory h, const std::string& relative) {
     for (int wd : gone) unwatch(h, wd);
 }
 
-void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) {
+void Watcher::onEvent(InotifyQueue& q, const inotify_event& event, std::vector<Completion>&) {
     if (event.mask & IN_Q_OVERFLOW) {
-        // One instance serves every handle, so an overflow may have lost events of any of them.
-        for (auto& [wd, handles] : subscribers) {
-            for (HDirectory h : handles) {
-                if (h->end == 0) h->end = kOverflow;
-                h->pending.clear();
-                finish(h, out);
-            }
+        // The events before this one are filed; what came after the queue filled is lost, for
+        // any handle of this queue. Each of them is walked again and reports all it holds.
+        for (HDirectory h : q.handles) {
+            if (h->watching && h->end == 0) startRescan(h);
         }
         return;
     }
-    auto it = subscribers.find(event.wd);
-    if (it == subscribers.end()) return;
+    auto it = q.subscribers.find(event.wd);
+    if (it == q.subscribers.end()) return;
     eventHandles = it->second;  // watchTree below may change the map; the copy keeps its capacity
     for (HDirectory h : eventHandles) {
         if (h->end != 0) continue;
@@ -156,12 +159,12 @@ void Watcher::onEvent(const inotify_event& event, std::vector<Completion>& out) 
                 renameBelow(h, previous, name + "/");
             } else {
                 forgetMovedOver(h, name + "/");
-                if (uint32_t error = watchTree(h, name + "/", true)) h->end = error;
+                if (uint32_t error = watchTree(h, name + "/", true)) h->failure = error;
             }
         } else if (action == FileAction::kAdded) {
             // Whatever was made in a new directory before its watch existed is reported now.
             forgetMovedOver(h, name + "/");
-            if (uint32_t error = watchTree(h, name + "/", true)) h->end = error;
+            if (uint32_t error = watchTree(h, name + "/", true)) h->failure = error;
         }
     }
 }

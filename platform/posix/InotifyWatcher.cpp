@@ -1,10 +1,12 @@
 #include "platform/posix/InotifyWatcher.h"
 
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -30,16 +32,73 @@ void QueueAll(std::vector<Completion>& completions) {
 }  // namespace
 
 bool Watcher::ensureStarted() {
-    if (inotifyFd >= 0) return true;
-    inotifyFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (inotifyFd < 0) {
+    if (epollFd >= 0) return true;
+    epollFd = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epollFd < 0) {
         SetLastErrorFromErrno(errno);
         return false;
     }
     wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    epoll_event wakeEvent = {};
+    wakeEvent.events = EPOLLIN;
+    wakeEvent.data.u64 = 0;
+    if (wakeFd < 0 || ::epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeFd, &wakeEvent) != 0) {
+        SetLastErrorFromErrno(errno);
+        if (wakeFd >= 0) ::close(wakeFd);
+        ::close(epollFd);
+        epollFd = wakeFd = -1;
+        return false;
+    }
     stopRequested = false;
     reader = std::thread([this] { readerLoop(); });
     return true;
+}
+
+InotifyQueue* Watcher::queueFor(uint32_t owner) {
+    size_t ownerQueues = 0;
+    InotifyQueue* shared = nullptr;
+    for (const auto& q : queues) {
+        if (q->shared) {
+            shared = q.get();
+        } else {
+            if (q->owner == owner) return q.get();
+            ++ownerQueues;
+        }
+    }
+    const bool ownQueue = ownerQueues < ownerQueueLimit;
+    if (!ownQueue && shared) return shared;
+    int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd < 0) {
+        // The kernel's instance limit reached (by other programs of the service's user, say):
+        // the owner shares a queue rather than going unwatched.
+        const int error = errno;
+        if (shared) return shared;
+        if (!queues.empty()) return queues.front().get();
+        SetLastErrorFromErrno(error);
+        return nullptr;
+    }
+    auto q = std::make_unique<InotifyQueue>();
+    q->fd = fd;
+    q->tag = nextTag++;
+    q->shared = !ownQueue;
+    q->owner = owner;
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u64 = q->tag;
+    if (::epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
+        SetLastErrorFromErrno(errno);
+        ::close(fd);
+        return nullptr;
+    }
+    queues.push_back(std::move(q));
+    return queues.back().get();
+}
+
+void Watcher::dropQueue(InotifyQueue* q) {
+    std::erase_if(rescans, [q](HDirectory h) { return h->queue == q; });
+    ::epoll_ctl(epollFd, EPOLL_CTL_DEL, q->fd, nullptr);
+    ::close(q->fd);  // takes its kernel watches with it
+    std::erase_if(queues, [q](const std::unique_ptr<InotifyQueue>& have) { return have.get() == q; });
 }
 
 HDirectory Watcher::open(const std::string& root) {
@@ -55,11 +114,44 @@ HDirectory Watcher::open(const std::string& root) {
     std::lock_guard<std::mutex> starting(lifecycle);
     std::lock_guard<std::mutex> lock(mutex);
     if (!ensureStarted()) return nullptr;
+    InotifyQueue* q = queueFor(static_cast<uint32_t>(st.st_uid));
+    if (q == nullptr) return nullptr;
     ++openHandles;
     auto* h = new DirectoryHandleState;
     h->root = root;
     while (h->root.size() > 1 && h->root.back() == '/') h->root.pop_back();
+    h->queue = q;
+    q->handles.push_back(h);
     return h;
+}
+
+size_t Watcher::watchedDirectories() {
+    std::lock_guard<std::mutex> lock(mutex);
+    size_t count = 0;
+    for (const auto& q : queues) count += q->subscribers.size();
+    return count;
+}
+
+size_t Watcher::queueCount() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return queues.size();
+}
+
+void Watcher::hold(bool hold) {
+    std::lock_guard<std::mutex> lock(mutex);
+    held = hold;
+    if (!hold && wakeFd >= 0) wake();
+}
+
+void Watcher::setOwnerQueueLimit(size_t limit) {
+    std::lock_guard<std::mutex> lock(mutex);
+    ownerQueueLimit = limit;
+}
+
+void Watcher::wake() {
+    uint64_t one = 1;
+    ssize_t ignored = ::write(wakeFd, &one, sizeof(one));
+    (void)ignored;
 }
 
 bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
@@ -76,13 +168,19 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
             // Events already in the kernel queue happened before this handle watched anything.
             // Filed now, they reach only the handles that were watching then: this one may share
             // their kernel watch, and would otherwise be handed changes older than itself.
-            drain(out);
+            DrainResult ignored;
+            drainQueue(*h->queue, ignored, out);
+            settle(ignored, out);
             h->subtree = subtree;
-            if (uint32_t error = watchTree(h, "", false)) {
+            // Only the folder itself refused fails the read; a directory below it that cannot
+            // be watched is reported by the read, and the rest of the tree is watched.
+            const uint32_t error = watchTree(h, "", false);
+            if (h->rootWd < 0) {
                 unwatchBelow(h, "");
                 failure = error;
             } else {
                 h->watching = true;
+                h->failure = error;
             }
         }
         if (failure == 0) {
@@ -103,9 +201,9 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
     return true;
 }
 
-// Completes h's outstanding read when there is something to say: changes, or an end. Changes
-// held when the folder went come first: the error ends the read after them. (An overflow and a
-// close drop what was held before they set the end.)
+// Completes h's outstanding read when there is something to say: changes, a failure, or an end.
+// Changes held when the folder went, or when a failure came, go first: the error follows them.
+// (A close drops what was held.)
 void Watcher::finish(HDirectory h, std::vector<Completion>& out) {
     if (!h->reading) return;
     uint32_t error = 0, bytes = 0;
@@ -133,26 +231,34 @@ void Watcher::finish(HDirectory h, std::vector<Completion>& out) {
         h->pending.pop_front();
     }
     if (bytes == 0) {
-        if (h->end == 0) return;
-        error = h->end == kOverflow ? 0 : h->end;
+        if (h->failure != 0) {
+            error = h->failure;
+            h->failure = 0;
+        } else if (h->end == 0) {
+            return;
+        } else {
+            error = h->end == kClosed ? 0 : h->end;
+        }
     }
     h->reading = false;
     out.push_back({h->target, h->routine, error, bytes, h->overlapped});
 }
 
-DrainResult Watcher::drain(std::vector<Completion>& out) {
+void Watcher::drainQueue(InotifyQueue& q, DrainResult& result, std::vector<Completion>& out) {
     alignas(inotify_event) char buffer[64 * 1024];
-    DrainResult result;
     for (;;) {
-        ssize_t got = ::read(inotifyFd, buffer, sizeof(buffer));
+        ssize_t got = ::read(q.fd, buffer, sizeof(buffer));
         if (got <= 0) break;
         for (ssize_t at = 0; at < got;) {
             const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-            onEvent(*event, out);
+            onEvent(q, *event, out);
             ++result.events;
             at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
         }
     }
+}
+
+void Watcher::settle(DrainResult& result, std::vector<Completion>& out) {
     bool delivered = false;
     for (HDirectory h : touchedHandles) {
         h->touched = false;
@@ -165,25 +271,51 @@ DrainResult Watcher::drain(std::vector<Completion>& out) {
     }
     touchedHandles.clear();
     result.undelivered = result.events > 0 && !delivered;
-    return result;
 }
 
 void Watcher::readerLoop() {
-    int64_t pause = 0;  // microseconds
+    int64_t pause = 0;        // microseconds
+    bool rescanning = false;  // rescans have directories left to walk
+    std::vector<uint64_t> ready;
+    epoll_event events[64];
     for (;;) {
-        if (pause > 0) {
-            // Only a stop ends the pause early.
+        if (pause > 0 && !rescanning) {
+            // Only a stop (or another wake-up) ends the pause early.
             const timespec timeout = {0, static_cast<long>(pause * 1000)};
-            pollfd wake = {wakeFd, POLLIN, 0};
-            ::ppoll(&wake, 1, &timeout, nullptr);
+            pollfd wakeUp = {wakeFd, POLLIN, 0};
+            ::ppoll(&wakeUp, 1, &timeout, nullptr);
         }
-        pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
+        const int n = ::epoll_wait(epollFd, events, 64, rescanning ? 0 : -1);
+        if (n < 0 && errno != EINTR) return;
+        ready.clear();
+        for (int i = 0; i < n; ++i) {
+            if (events[i].data.u64 != 0) {
+                ready.push_back(events[i].data.u64);
+            } else {
+                uint64_t count;
+                ssize_t ignored = ::read(wakeFd, &count, sizeof(count));
+                (void)ignored;
+            }
+        }
         std::vector<Completion> out;
         {
-            std::lock_guard<std::mutex> lock(mutex);
+            std::unique_lock<std::mutex> lock(mutex);
             if (stopRequested) return;
-            pause = NextPause(pause, drain(out));
+            if (held) {
+                // Left alone, the kernel queues fill as they would behind a stopped process.
+                lock.unlock();
+                pollfd wakeUp = {wakeFd, POLLIN, 0};
+                ::poll(&wakeUp, 1, -1);
+                continue;
+            }
+            DrainResult result;
+            for (const auto& q : queues) {
+                if (std::find(ready.begin(), ready.end(), q->tag) != ready.end())
+                    drainQueue(*q, result, out);
+            }
+            rescanning = rescanSlice();
+            settle(result, out);
+            pause = NextPause(pause, result);
         }
         QueueAll(out);
     }
@@ -195,26 +327,29 @@ void Watcher::close(HDirectory h) {
     bool last;
     {
         std::lock_guard<std::mutex> lock(mutex);
+        stopRescan(h);
         unwatchBelow(h, "");
         h->pending.clear();
-        h->end = kOverflow;  // a zero-byte end, as for a close
+        h->failure = 0;
+        h->end = kClosed;  // a zero-byte end
         finish(h, out);
+        InotifyQueue* q = h->queue;
+        std::erase(q->handles, h);
+        if (q->handles.empty()) dropQueue(q);
         delete h;
         last = --openHandles == 0;
         if (last) {
             stopRequested = true;
-            uint64_t one = 1;
-            ssize_t ignored = ::write(wakeFd, &one, sizeof(one));
-            (void)ignored;
+            wake();
         }
     }
     QueueAll(out);
     if (!last) return;
     reader.join();
     std::lock_guard<std::mutex> lock(mutex);
-    ::close(inotifyFd);
+    ::close(epollFd);
     ::close(wakeFd);
-    inotifyFd = wakeFd = -1;
+    epollFd = wakeFd = -1;
 }
 
 }  // namespace detail
@@ -233,5 +368,11 @@ bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool
 void CloseDirectory(HDirectory handle) { Watcher::instance().close(handle); }
 
 size_t WatchedDirectoriesForTesting() { return Watcher::instance().watchedDirectories(); }
+
+size_t ChangeQueuesForTesting() { return Watcher::instance().queueCount(); }
+
+void HoldChangeQueuesForTesting(bool hold) { Watcher::instance().hold(hold); }
+
+void SetOwnerQueueLimitForTesting(size_t limit) { Watcher::instance().setOwnerQueueLimit(limit); }
 
 }  // namespace Osb

@@ -1,31 +1,48 @@
-// The inotify backend of directory change notification, shared by its two source files:
+// The inotify backend of directory change notification, shared by its three source files:
 // InotifyWatcher.cpp runs the reader thread and the reads, InotifyEvents.cpp keeps each handle's
-// tree of kernel watches and files the kernel's events with the handles.
+// tree of kernel watches and files the kernel's events with the handles, InotifyRescan.cpp
+// recovers the handles of a queue that overflowed.
 //
-// One inotify instance serves every open handle (the kernel allows few instances per user, and
-// many watches per instance). A reader thread of its own drains the kernel queue as fast as
-// events come, whether or not any read is outstanding, and files each event with every handle
-// that watches its directory: two handles on one folder share one kernel watch. A read is
-// completed at once when events are waiting, or as soon as one arrives; events that come while the
-// reader's client is busy pile up and go out as one batch with its next read.
+// One inotify instance (a kernel queue) per owner of the watched folders: a folder goes on the
+// queue of the user that owns it (st_uid of the folder as opened, a link followed), so that a
+// storm of changes in one user's folders can overflow only that user's queue. The kernel counts
+// instances against the service's own user (max_user_instances, 128 by default, shared with
+// every other program of that user), so at most kOwnerQueueLimit owners get a queue of their
+// own; the folders of any further owner share one more queue. Many watches go on one queue.
 //
-// Delivery adapts to the load. The reader completes reads once per drain of the kernel queue, not
-// per event, and between drains it may pause so that a burst's events gather (DeliveryPause.h).
+// One reader thread serves every queue (epoll over their descriptors): it drains the kernel
+// queues as fast as events come, whether or not any read is outstanding, and files each event
+// with every handle that watches its directory: two handles on one folder of one queue share one
+// kernel watch. A read is completed at once when events are waiting, or as soon as one arrives;
+// events that come while the reader's client is busy pile up and go out as one batch with its
+// next read.
+//
+// An overflow of a queue loses nothing that the kernel kept: those events are filed as always.
+// Every handle of that queue then has its tree walked again (a rescan): directories that appeared
+// meanwhile are watched, ones that went are let go of, and every entry is filed as created. The
+// reader walks at most kRescanSliceDirectories directories per turn and drains every queue
+// between turns, so a big tree's rescan delays other handles by one slice at most.
+//
+// Delivery adapts to the load. The reader completes reads once per drain of the kernel queues,
+// not per event, and between drains it may pause so that a burst's events gather
+// (DeliveryPause.h).
 //
 // Locks: `lifecycle` serialises starting and stopping the reader thread and is taken first;
-// `mutex` guards all other state here, that of every handle included. Neither is held while a
-// completion runs: completions are queued as APCs to the issuing thread. The reader thread runs
-// while any handle is open; the close of the last handle stops and joins it.
+// `mutex` guards all other state here, that of every handle and queue included. Neither is held
+// while a completion runs: completions are queued as APCs to the issuing thread. The reader
+// thread runs while any handle is open; the close of the last handle stops and joins it.
 #pragma once
 
 #include <sys/inotify.h>
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/Apc.h"
@@ -40,6 +57,12 @@ constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED
                                 IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
                                 IN_EXCL_UNLINK;
 
+// Owners with a queue of their own; a quarter of the kernel's default instance limit, which the
+// service's user shares with its other programs.
+constexpr size_t kOwnerQueueLimit = 32;
+// Directories one turn of the reader walks for rescans before it drains the queues again.
+constexpr size_t kRescanSliceDirectories = 64;
+
 struct Change {
     uint32_t action;
     std::string name;  // relative to the handle's folder, UTF-8
@@ -53,10 +76,21 @@ struct Completion {
     DirectoryOverlapped* overlapped;
 };
 
+// One inotify instance and the handles whose folders it watches.
+struct InotifyQueue {
+    int fd = -1;
+    uint64_t tag = 0;      // names the queue to epoll; never reused
+    bool shared = false;   // the queue of the owners past kOwnerQueueLimit
+    uint32_t owner = 0;    // the owner's uid, when not shared
+    std::vector<HDirectory> handles;
+    std::unordered_map<int, std::vector<HDirectory>> subscribers;  // wd -> handles
+};
+
 }  // namespace detail
 
 struct DirectoryHandleState {
     std::string root;  // the folder, with no trailing '/'
+    detail::InotifyQueue* queue = nullptr;  // chosen at open by the folder's owner
     bool subtree = false;
     bool watching = false;  // kernel watches are set up (at the first read)
     int rootWd = -1;
@@ -66,9 +100,17 @@ struct DirectoryHandleState {
     // again in the tree keeps its watches under the new name; the others are let go of at the
     // drain's end.
     std::unordered_map<uint32_t, std::string> movedFrom;
-    // The end of the handle's changes: 0 none, else an error code, or kOverflow.
+    // The end of the handle's changes: 0 none, else an error code, or kClosed.
     uint32_t end = 0;
+    // A failure that does not end the handle (a directory the kernel would not watch for want of
+    // room): reported by one read after the changes before it, then cleared.
+    uint32_t failure = 0;
     bool touched = false;  // has events from the drain under way; finished at its end
+    // A rescan after an overflow: the directories still to walk, and the watches walked so far
+    // (those left out at its end have gone). `rescanning` while either matters.
+    bool rescanning = false;
+    std::vector<std::string> rescanStack;
+    std::unordered_set<int> rescanned;
     // The outstanding read, if any.
     bool reading = false;
     uint8_t* buffer = nullptr;
@@ -80,7 +122,7 @@ struct DirectoryHandleState {
 
 namespace detail {
 
-constexpr uint32_t kOverflow = 0xFFFFFFFF;
+constexpr uint32_t kClosed = 0xFFFFFFFF;
 
 class Watcher {
 public:
@@ -94,20 +136,29 @@ public:
     bool read(HDirectory h, void* buffer, uint32_t length, bool subtree, DirectoryOverlapped* o,
               DirectoryCompletion routine);
     void close(HDirectory h);
-    size_t watchedDirectories() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return subscribers.size();
-    }
+    size_t watchedDirectories();
+    size_t queueCount();
+    void hold(bool held);
+    void setOwnerQueueLimit(size_t limit);
 
 private:
     bool ensureStarted();  // REQUIRES: lifecycle and mutex
+    // The queue for a folder of `owner`, made when missing; null with the last error set when no
+    // queue can be had. REQUIRES: lifecycle and mutex
+    InotifyQueue* queueFor(uint32_t owner);
+    void dropQueue(InotifyQueue* q);  // REQUIRES: mutex; q has no handles left
     void readerLoop();
-    // Files one event with its handles, marking them touched. REQUIRES: mutex
-    void onEvent(const inotify_event& event, std::vector<Completion>& out);
-    // Drains the kernel queue and completes the reads it can. REQUIRES: mutex
-    DrainResult drain(std::vector<Completion>& out);
+    // Files one event of queue q with its handles, marking them touched. REQUIRES: mutex
+    void onEvent(InotifyQueue& q, const inotify_event& event, std::vector<Completion>& out);
+    // Reads queue q until it is empty, filing its events. REQUIRES: mutex
+    void drainQueue(InotifyQueue& q, DrainResult& result, std::vector<Completion>& out);
+    // Finishes the handles touched since the last settle: lets go of directories moved out and
+    // completes the reads that can be. REQUIRES: mutex
+    void settle(DrainResult& result, std::vector<Completion>& out);
     // Watches `relative` (a directory below h's root, "" for the root) and, for a subtree, every
-    // directory below it; with `report`, its entries are filed as created. Returns 0 or a code.
+    // directory below it; with `report`, its entries are filed as created. Returns 0 or the code
+    // of the first failure; a directory below the root that cannot be watched is left out and the
+    // rest of its tree is still watched.
     uint32_t watchTree(HDirectory h, const std::string& relative, bool report);
     void unwatch(HDirectory h, int wd);
     void unwatchBelow(HDirectory h, const std::string& relative);
@@ -117,15 +168,28 @@ private:
     void forgetMovedOver(HDirectory h, const std::string& relative);
     void finish(HDirectory h, std::vector<Completion>& out);  // completes a read that can be
     void markTouched(HDirectory h);  // REQUIRES: mutex
+    // Rescans (InotifyRescan.cpp). REQUIRES: mutex
+    void startRescan(HDirectory h);
+    void stopRescan(HDirectory h);
+    // Walks up to kRescanSliceDirectories directories of the rescans under way; true while some
+    // are left.
+    bool rescanSlice();
+    void rescanDirectory(HDirectory h, const std::string& relative);
+    void completeRescan(HDirectory h);
+    void wake();
 
     std::mutex lifecycle;
     std::mutex mutex;
-    int inotifyFd = -1;  // written under both locks
+    int epollFd = -1;    // written under both locks
     int wakeFd = -1;     // written under both locks
     std::thread reader;  // started and joined under lifecycle
     bool stopRequested = false;  // guarded by mutex
+    bool held = false;           // guarded by mutex; the reader leaves the queues alone
     size_t openHandles = 0;      // guarded by mutex
-    std::unordered_map<int, std::vector<HDirectory>> subscribers;  // wd -> handles
+    uint64_t nextTag = 1;        // guarded by mutex; 0 tags the wake-up descriptor
+    size_t ownerQueueLimit = kOwnerQueueLimit;  // guarded by mutex; lowered by tests
+    std::vector<std::unique_ptr<InotifyQueue>> queues;  // guarded by mutex
+    std::deque<HDirectory> rescans;  // guarded by mutex; the handles with a rescan under way
     // Reader thread only, under mutex: the handles of the event being filed, and of the drain.
     std::vector<HDirectory> eventHandles;
     std::vector<HDirectory> touchedHandles;

@@ -259,19 +259,88 @@ TEST_F(WatchE2eTest, ClearingAndTwoStepCollection) {
     EXPECT_EQ(settleTo(*client, dir, {"c"}), (Names{"c"}));
 }
 
-TEST_F(WatchE2eTest, DeletedWatchedFolderLeavesTheListAndTheCache) {
-    const std::string keep = folder("keep");
-    const std::string gone = folder("gone");
-    auto client = connect(1);
-    add(*client, {false, true, false}, {keep, gone});
-    EXPECT_NE(cacheText().find(Osb::Utf8ToUtf16(gone)), std::u16string::npos);
+// A folder that goes (deleted or moved away) leaves the list and the cache on its own, and the
+// names it gathered are still delivered, in two steps as in one; then they are gone for good,
+// also for a later folder of the same path.
+TEST_F(WatchE2eTest, AFolderThatGoesLeavesTheListAndTheCacheButItsNamesAreDelivered) {
+    struct Case {
+        const char* name;
+        bool movedAway;
+        bool twoSteps;
+    };
+    for (const Case& c : {Case{"deleted", false, true}, Case{"moved", true, false}}) {
+        SCOPED_TRACE(c.name);
+        const std::string keep = folder(std::string("keep-") + c.name);
+        const std::string gone = folder(std::string("gone-") + c.name);
+        auto client = connect(1);
+        add(*client, {false, true, true}, {keep, gone});
+        EXPECT_NE(cacheText().find(Osb::Utf8ToUtf16(gone)), std::u16string::npos);
+        Touch(gone + "held");
+        ASSERT_TRUE(holds(waitFor(*client, gone, 1), "held"));
 
-    fs::remove_all(gone);
-    // The failed read drops it on its own; GetFolders would too.
-    EXPECT_TRUE(PollUntil(
-        [&] { return cacheText().find(Osb::Utf8ToUtf16(gone)) == std::u16string::npos; }));
-    EXPECT_EQ(client->getFolders(), (Names{keep}));
-    EXPECT_NE(cacheText().find(Osb::Utf8ToUtf16(keep)), std::u16string::npos);
+        if (c.movedAway) {
+            fs::rename(gone, root_->path() + "/elsewhere-" + c.name);
+        } else {
+            fs::remove_all(gone);
+        }
+        // The failed read drops it on its own; GetFolders would too.
+        ASSERT_TRUE(PollUntil(
+            [&] { return cacheText().find(Osb::Utf8ToUtf16(gone)) == std::u16string::npos; }));
+        EXPECT_EQ(client->getFolders(), (Names{keep}));
+        EXPECT_NE(cacheText().find(Osb::Utf8ToUtf16(keep)), std::u16string::npos);
+
+        Bytes raw;
+        auto reply = client->getChanges(!c.twoSteps, &raw);
+        ASSERT_EQ(reply.size(), 1u);
+        EXPECT_EQ(reply[0].path, gone);
+        EXPECT_TRUE(holds(reply[0].names, "held"));
+        if (c.twoSteps) {
+            EXPECT_EQ(pending(*client, gone), reply[0].names);  // kept until confirmed
+            client->removeChanges(raw);
+        }
+        EXPECT_TRUE(client->getChanges(false).empty());
+
+        fs::create_directories(gone);
+        add(*client, {false, true, true}, {gone});
+        Touch(keep + "later");
+        ASSERT_TRUE(holds(waitFor(*client, keep, 1), "later"));
+        EXPECT_TRUE(pending(*client, gone).empty());
+        client->removeFolders(false, {keep, gone});
+    }
+}
+
+// The names of a folder the client removes itself go with it: they are not there for a folder of
+// the same path added later.
+TEST_F(WatchE2eTest, NamesOfARemovedFolderDoNotComeBackWhenItIsAddedAgain) {
+    const std::string dir = folder("again");
+    auto client = connect(1);
+    add(*client, {false, true, false}, {dir});
+    Touch(dir + "before");
+    ASSERT_EQ(waitFor(*client, dir, 1), (Names{"before"}));
+    client->removeFolders(false, {dir});
+    add(*client, {false, true, false}, {dir});
+    Touch(dir + "after");
+    EXPECT_EQ(settleTo(*client, dir, {"after"}), (Names{"after"}));
+}
+
+// A folder that went and is added again before its names were collected takes them over: they
+// come once, under its path, with its new names.
+TEST_F(WatchE2eTest, AFolderAddedAgainBeforeItsNamesWereCollectedSendsThemOnce) {
+    const std::string dir = folder("back");
+    auto client = connect(1);
+    add(*client, {false, true, false}, {dir});
+    Touch(dir + "first");
+    ASSERT_EQ(waitFor(*client, dir, 1), (Names{"first"}));
+    fs::rename(dir, root_->path() + "/away");
+    ASSERT_TRUE(client->getFolders().empty());
+    fs::create_directories(dir);
+    add(*client, {false, true, false}, {dir});
+    Touch(dir + "second");
+    ASSERT_EQ(waitFor(*client, dir, 2), (Names{"first", "second"}));
+    auto reply = client->getChanges(true);
+    ASSERT_EQ(reply.size(), 1u);
+    EXPECT_EQ(reply[0].names, (Names{"first", "second"}));
+    EXPECT_TRUE(client->getChanges(false).empty());
 }
 
 TEST_F(WatchE2eTest, TwoGuidsOnOnePathAndOneGuidOnTwoConnections) {

@@ -2,6 +2,11 @@
 // its watch thread's failures and its close; and the decoding of a notification buffer.
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -166,6 +171,54 @@ TEST_F(WatchFolderDatabaseTest, CloseUnderTrafficThenRequestsStillWork) {
     database_.removeFolders(kOne, {{busy, {}}});
     EXPECT_EQ(folders(database_, kTwo).size(), 1u);
     EXPECT_EQ(database_.activeWatchesForTesting(), 0u);
+}
+
+// A watch the kernel refuses for want of room (its watch limit lowered in a user namespace of a
+// child's own) costs the folder that directory only: the folder stays in the table and the
+// cache, and the rest of it goes on reporting.
+TEST(WatchFolderDatabaseLimitTest, AWatchRefusedForWantOfRoomLeavesTheFolderWatched) {
+    vigil_test::ScratchRoot root;
+    fs::create_directories(root / "data");
+    fs::create_directories(root / "tree/inside");
+    const std::u16string tree = Osb::Utf8ToUtf16(root / "tree") + u"/";
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::unshare(CLONE_NEWUSER) != 0) _exit(100);
+        {
+            std::ofstream limit("/proc/sys/user/max_inotify_watches");
+            limit << 2;  // the folder and inside
+            limit.close();
+            if (!limit) _exit(100);
+        }
+        Database database;
+        database.open(Osb::Utf8ToUtf16(root / "data/"));
+        database.addFolders(kOne, {{tree, {1, 1, 0, 0}}});
+        if (!PollUntil([&] { return database.startsSettledForTesting(); })) _exit(2);
+        if (database.activeWatchesForTesting() != 1) _exit(3);
+        fs::create_directories(root / "tree/refused");
+        std::ofstream(root / "tree/inside/after") << "x";
+        const bool reported = PollUntil([&] {
+            Names names;
+            database.getChanges(kOne, tree, names, false);
+            return std::find(names.begin(), names.end(), u"inside/after") != names.end();
+        });
+        if (!reported) _exit(4);
+        std::vector<WatchedFolder> left;
+        database.getFolders(kOne, left);
+        if (left.size() != 1) _exit(5);
+        std::vector<uint8_t> cache;
+        Osb::ReadFileBytes(database.cachePathForTesting(), cache);
+        const std::u16string text(reinterpret_cast<const char16_t*>(cache.data()), cache.size() / 2);
+        if (text.find(tree) == std::u16string::npos) _exit(6);
+        database.close();
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 100) GTEST_SKIP() << "no user namespace with a watch limit here";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
 }
 
 // One record of a notification buffer: header, name, padded to 4.
