@@ -1,6 +1,7 @@
 #include "service/VigilWatchFolderDatabase.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "platform/FileSystem.h"
 #include "service/VigilWatchFolderThread.h"
@@ -97,6 +98,63 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
             it->second.names.clear();
         } else {
             names = it->second.names;
+        }
+        return;
+    }
+}
+
+void Database::getChanges(const Guid& guid, const std::u16string& folder,
+                          std::vector<std::u16string>& names, bool clear,
+                          const std::function<bool(const std::u16string& directory)>& sendable) {
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.folder != folder) continue;
+        // Names of one directory tend to come together: ask again only when the directory
+        // changes. The directory is copied, since the name it comes from may be moved below.
+        std::u16string directory;
+        bool known = false;
+        bool send = false;
+        auto decide = [&](const std::u16string& name) {
+            const std::u16string_view of = DirectoryOf(name);
+            if (!known || of != directory) {
+                directory.assign(of);
+                send = sendable(directory);
+                known = true;
+            }
+            return send;
+        };
+        names.clear();
+        std::vector<std::u16string>& list = it->second.names;
+        if (!clear) {
+            for (const std::u16string& name : list) {
+                if (decide(name)) names.push_back(name);
+            }
+            return;
+        }
+        std::vector<std::u16string> kept;
+        for (std::u16string& name : list) {
+            const bool take = decide(name);
+            (take ? names : kept).push_back(std::move(name));
+        }
+        list = std::move(kept);
+        return;
+    }
+}
+
+void Database::pendingDirectories(const Guid& guid, const std::u16string& folder,
+                                  std::vector<std::u16string>& directories) {
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.folder != folder) continue;
+        std::unordered_set<std::u16string_view> seen;
+        std::u16string_view previous;
+        for (const std::u16string& name : it->second.names) {
+            const std::u16string_view of = DirectoryOf(name);
+            if (!seen.empty() && of == previous) continue;
+            previous = of;
+            if (seen.insert(of).second) directories.emplace_back(of);
         }
         return;
     }

@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/Mutex.h"
@@ -67,6 +68,17 @@ class Database {
     // was when the folder has no pending record.
     void getChanges(const Guid& guid, const std::u16string& folder,
                     std::vector<std::u16string>& names, bool clear);
+    // getChanges for a client that may not see every name: only the names whose directory
+    // (DirectoryOf) `sendable` accepts are put in `names`, and with `clear` only they come off the
+    // list; the others stay, in their order. `sendable` runs under the database lock, once for
+    // each run of names in one directory: it must only look up decisions made beforehand.
+    void getChanges(const Guid& guid, const std::u16string& folder,
+                    std::vector<std::u16string>& names, bool clear,
+                    const std::function<bool(const std::u16string& directory)>& sendable);
+    // The distinct directories (DirectoryOf) of the folder's pending names, appended to
+    // `directories` in the order of their first name.
+    void pendingDirectories(const Guid& guid, const std::u16string& folder,
+                            std::vector<std::u16string>& directories);
     // Appends `names` to the folder's pending list, making the record when missing. The second
     // form takes the names over instead of copying them.
     void addChanges(const Guid& guid, const std::u16string& folder,
