@@ -42,7 +42,13 @@ class FolderAccess {
     // credentials are switched once for the whole list.
     void checkAll(const std::vector<std::u16string>& folders, std::vector<uint32_t>& results);
 
-    // Whether the last check or checkAll was made by the kernel (false: by hand). For tests.
+    // checkAll() of `folder` joined with each of `directories` (relative to it, without a
+    // closing separator; empty for the folder itself), but cheaper where the kernel decides: the
+    // folder is opened once as the user and each directory is looked up from there.
+    void checkBelow(const std::u16string& folder, const std::vector<std::u16string>& directories,
+                    std::vector<uint32_t>& results);
+
+    // Whether the last check, checkAll or checkBelow was made by the kernel (false: by hand). For tests.
     bool usedKernelForTesting() const { return usedKernel_; }
 
   private:

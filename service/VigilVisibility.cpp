@@ -5,21 +5,6 @@
 
 namespace Vigil {
 
-namespace {
-
-// The folder path of a directory of `folder`'s names, with the closing separator.
-std::u16string PathOf(const std::u16string& folder, std::u16string_view directory) {
-    std::u16string path = folder;
-    if (path.empty() || path.back() != u'/') path += u'/';
-    if (!directory.empty()) {
-        path += directory;
-        path += u'/';
-    }
-    return path;
-}
-
-}  // namespace
-
 bool SeesEverything(const Osb::PeerIdentity& peer) {
     return peer.known && (peer.uid == 0 || peer.uid == Osb::ProcessUserId());
 }
@@ -46,12 +31,16 @@ void Visibility::keepVisible(std::vector<Watch::WatchedFolder>& folders) {
 std::unordered_set<std::u16string> Visibility::visibleDirectories(
     const std::u16string& folder, const std::vector<std::u16string>& directories) {
     std::unordered_set<std::u16string> visible;
-    std::vector<std::u16string> paths;
-    paths.reserve(directories.size());
-    for (const std::u16string& directory : directories) paths.push_back(PathOf(folder, directory));
-    if (access_) decide(paths);
+    if (!access_) {
+        visible.insert(directories.begin(), directories.end());
+        return visible;
+    }
+    // The directories are distinct, so each is decided once; a folder watched twice (by itself
+    // and inside a tree) may see one directory decided twice in a request, which is harmless.
+    std::vector<uint32_t> codes;
+    access_->checkBelow(folder, directories, codes);
     for (size_t i = 0; i < directories.size(); ++i) {
-        if (!access_ || decided_[paths[i]]) visible.insert(directories[i]);
+        if (codes[i] == Osb::Err::kSuccess) visible.insert(directories[i]);
     }
     return visible;
 }

@@ -96,6 +96,7 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
             // what may be a long list.
             names = std::move(it->second.names);
             it->second.names.clear();
+            it->second.directories.clear();
         } else {
             names = it->second.names;
         }
@@ -110,6 +111,19 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
+        PendingRecord& record = it->second;
+        if (record.filed && std::all_of(record.directories.begin(), record.directories.end(),
+                                        sendable)) {
+            // Every name is sendable: the same work as for a client that sees everything.
+            if (clear) {
+                names = std::move(record.names);
+                record.names.clear();
+                record.directories.clear();
+            } else {
+                names = record.names;
+            }
+            return;
+        }
         // Names of one directory tend to come together: ask again only when the directory
         // changes. The directory is copied, since the name it comes from may be moved below.
         std::u16string directory;
@@ -138,6 +152,7 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
             (take ? names : kept).push_back(std::move(name));
         }
         list = std::move(kept);
+        if (list.empty()) record.directories.clear();
         return;
     }
 }
@@ -147,15 +162,14 @@ void Database::pendingDirectories(const Guid& guid, const std::u16string& folder
     Osb::MutexLock lock(mutex_);
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
-        if (it->second.folder != folder) continue;
-        std::unordered_set<std::u16string_view> seen;
-        std::u16string_view previous;
-        for (const std::u16string& name : it->second.names) {
-            const std::u16string_view of = DirectoryOf(name);
-            if (!seen.empty() && of == previous) continue;
-            previous = of;
-            if (seen.insert(of).second) directories.emplace_back(of);
+        PendingRecord& record = it->second;
+        if (record.folder != folder) continue;
+        if (!record.filed) {
+            fileDirectories(record, record.names.begin(), record.names.end());
+            record.filed = true;
         }
+        directories.insert(directories.end(), record.directories.begin(),
+                           record.directories.end());
         return;
     }
 }
@@ -172,6 +186,7 @@ void Database::addChanges(const Guid& guid, const std::u16string& folder,
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
         std::vector<std::u16string>& list = it->second.names;
+        if (it->second.filed) fileDirectories(it->second, names.begin(), names.end());
         if (list.empty()) {
             list = std::move(names);  // the batch's own storage becomes the list
         } else {
@@ -181,7 +196,10 @@ void Database::addChanges(const Guid& guid, const std::u16string& folder,
         return;
     }
     // Behind the client's other records: a multimap inserts equal keys at the end of their range.
-    pending_.insert({guid, PendingRecord{folder, std::move(names)}});
+    PendingRecord record;
+    record.folder = folder;
+    record.names = std::move(names);
+    pending_.insert({guid, std::move(record)});
 }
 
 void Database::removeChanges(const Guid& guid, const std::u16string& folder,
@@ -207,6 +225,23 @@ void Database::removeChanges(const Guid& guid, const std::u16string& folder,
         }
         if (list.empty()) pending_.erase(it);
         return;
+    }
+}
+
+void Database::fileDirectories(PendingRecord& record,
+                               std::vector<std::u16string>::const_iterator first,
+                               std::vector<std::u16string>::const_iterator last) {
+    // A batch tends to hold runs of names of one directory: look up only where the run ends.
+    std::u16string_view previous;
+    bool any = false;
+    for (auto name = first; name != last; ++name) {
+        const std::u16string_view of = DirectoryOf(*name);
+        if (any && of == previous) continue;
+        previous = of;
+        any = true;
+        if (record.directories.find(of) == record.directories.end()) {
+            record.directories.emplace(of);
+        }
     }
 }
 

@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/Mutex.h"
@@ -30,9 +31,23 @@ namespace Vigil::Watch {
 
 class Thread;
 
+// A set of directory names that can be searched by a view, without making a string.
+struct DirectoryHash {
+    using is_transparent = void;
+    size_t operator()(std::u16string_view text) const {
+        return std::hash<std::u16string_view>{}(text);
+    }
+};
+using DirectorySet = std::unordered_set<std::u16string, DirectoryHash, std::equal_to<>>;
+
 struct PendingRecord {
     std::u16string folder;              // the watched folder's path
     std::vector<std::u16string> names;  // relative to it; repeats allowed
+    // Kept once a client that does not see everything has asked for the record's directories
+    // (pendingDirectories), so that its later requests need not look at every name: every
+    // directory (DirectoryOf) that holds a name on the list, and after removals maybe more.
+    bool filed = false;
+    DirectorySet directories;
 };
 
 class Database {
@@ -70,13 +85,16 @@ class Database {
                     std::vector<std::u16string>& names, bool clear);
     // getChanges for a client that may not see every name: only the names whose directory
     // (DirectoryOf) `sendable` accepts are put in `names`, and with `clear` only they come off the
-    // list; the others stay, in their order. `sendable` runs under the database lock, once for
-    // each run of names in one directory: it must only look up decisions made beforehand.
+    // list; the others stay, in their order. `sendable` runs under the database lock: it must
+    // only look up decisions made beforehand. It is asked for each directory of a filed record
+    // first; when it accepts them all, the list is taken whole, as getChanges takes it. Otherwise
+    // it is asked once for each run of names in one directory.
     void getChanges(const Guid& guid, const std::u16string& folder,
                     std::vector<std::u16string>& names, bool clear,
                     const std::function<bool(const std::u16string& directory)>& sendable);
     // The distinct directories (DirectoryOf) of the folder's pending names, appended to
-    // `directories` in the order of their first name.
+    // `directories` in no particular order; possibly also directories whose names have been taken
+    // off since. Files the record's names by directory from then on (PendingRecord::filed).
     void pendingDirectories(const Guid& guid, const std::u16string& folder,
                             std::vector<std::u16string>& directories);
     // Appends `names` to the folder's pending list, making the record when missing. The second
@@ -104,6 +122,11 @@ class Database {
     void runLockedForTesting(const std::function<void()>& work);
 
   private:
+    // Adds the directories of the names in [first, last) to the record's. REQUIRES: the lock.
+    static void fileDirectories(PendingRecord& record,
+                                std::vector<std::u16string>::const_iterator first,
+                                std::vector<std::u16string>::const_iterator last);
+
     // The database lock. Taken after a Client's mutex, before the thread lock.
     Osb::Mutex mutex_;
     std::map<Guid, std::vector<WatchedFolder>> folders_ OSB_GUARDED_BY(mutex_);

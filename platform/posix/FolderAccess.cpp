@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -111,6 +112,17 @@ uint32_t KernelCheck(const std::string& path, bool& unsupported) {
                                                                     : Err::kPathNotFound;
 }
 
+// The folder path of `directory` below `folder`, with the closing separator.
+std::u16string Joined(const std::u16string& folder, const std::u16string& directory) {
+    std::u16string path = folder;
+    if (path.empty() || path.back() != u'/') path += u'/';
+    if (!directory.empty()) {
+        path += directory;
+        path += u'/';
+    }
+    return path;
+}
+
 }  // namespace
 
 FolderAccess::FolderAccess(PeerIdentity user, Method method)
@@ -153,6 +165,56 @@ void FolderAccess::checkAll(const std::vector<std::u16string>& folders,
     for (uint32_t code : results) {
         if (code != Err::kSuccess) SetLastError(code);
     }
+}
+
+}  // namespace Osb
+
+namespace Osb {
+
+void FolderAccess::checkBelow(const std::u16string& folder,
+                              const std::vector<std::u16string>& directories,
+                              std::vector<uint32_t>& results) {
+    const bool plain = folder.find(u'\0') == std::u16string::npos &&
+                       std::none_of(directories.begin(), directories.end(),
+                                    [](const std::u16string& d) {
+                                        return d.find(u'\0') != std::u16string::npos;
+                                    });
+    if (method_ == Method::kAuto && user_.known && plain) {
+        results.assign(directories.size(), Err::kSuccess);
+        ThreadFsCredentials acting(user_);
+        if (acting.active()) {
+            const std::string base = Utf16ToUtf8(folder);
+            // Opened as the user: only search on the way is needed for a path handle, and each
+            // lookup below it asks for search on the folder again, as a walk of the whole path
+            // would.
+            const int fd = ::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+            bool unsupported = false;
+            for (size_t i = 0; i < directories.size() && !unsupported; ++i) {
+                if (fd >= 0 && !directories[i].empty()) {
+                    const std::string relative = Utf16ToUtf8(directories[i]) + "/";
+                    if (::syscall(SYS_faccessat2, fd, relative.c_str(), R_OK | X_OK,
+                                  AT_EACCESS) == 0) {
+                        continue;
+                    }
+                }
+                // The folder itself, a refusal (for its exact code) or no handle: the whole path.
+                results[i] =
+                    KernelCheck(Utf16ToUtf8(Joined(folder, directories[i])), unsupported);
+            }
+            if (fd >= 0) ::close(fd);
+            if (!unsupported) {
+                usedKernel_ = true;
+                for (uint32_t code : results) {
+                    if (code != Err::kSuccess) SetLastError(code);
+                }
+                return;
+            }
+        }
+    }
+    std::vector<std::u16string> paths;
+    paths.reserve(directories.size());
+    for (const std::u16string& directory : directories) paths.push_back(Joined(folder, directory));
+    checkAll(paths, results);
 }
 
 }  // namespace Osb
