@@ -11,6 +11,10 @@
 // medians of interleaved rounds and the ratios.
 //
 //   VisibilityBench [rounds, default 9]
+#include <grp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -21,10 +25,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <grp.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "platform/IoDevicePipeServer.h"
 #include "platform/Platform.h"
@@ -115,8 +115,8 @@ void WaitUntil(const std::function<bool()>& done) {
 
 // `count` GetChanges round trips (names left pending) over the pipe from a client process with the
 // GUID of `seed`, as the plain user or as root; their times in milliseconds.
-std::vector<double> RoundTrips(const std::u16string& pipe, uint8_t seed, const Osb::PeerIdentity* as,
-                               int count) {
+std::vector<double> RoundTrips(const std::u16string& pipe, uint8_t seed,
+                               const Osb::PeerIdentity* as, int count) {
     int fds[2];
     if (::pipe(fds) != 0) return {};
     const pid_t child = ::fork();
@@ -137,8 +137,7 @@ std::vector<double> RoundTrips(const std::u16string& pipe, uint8_t seed, const O
             connection.hello(guid, 1, 0);
             const vigil_client::Bytes body = vigil_client::EncodeGetChanges(false);
             for (int i = 0; i < count; ++i) {
-                times.push_back(
-                    Milliseconds([&] { connection.request(kGetChanges, body); }));
+                times.push_back(Milliseconds([&] { connection.request(kGetChanges, body); }));
             }
         } catch (...) {
             ::_exit(2);
@@ -265,10 +264,11 @@ int main(int argc, char** argv) {
         rootTrips.insert(rootTrips.end(), a.begin(), a.end());
         plainTrips.insert(plainTrips.end(), b.begin(), b.end());
     }
-    std::printf("  pipe round trip, names kept, median of %zu: root %8.3f ms  plain user %8.3f ms  "
-                "ratio %.2f (target <= 1.3)\n",
-                rootTrips.size(), Median(rootTrips), Median(plainTrips),
-                Median(plainTrips) / Median(rootTrips));
+    std::printf(
+        "  pipe round trip, names kept, median of %zu: root %8.3f ms  plain user %8.3f ms  "
+        "ratio %.2f (target <= 1.3)\n",
+        rootTrips.size(), Median(rootTrips), Median(plainTrips),
+        Median(plainTrips) / Median(rootTrips));
     server.reset();
 
     // AddFolders of a subtree of 20,000 directories: 20 x 1,000.
@@ -301,7 +301,8 @@ int main(int argc, char** argv) {
             // The watch thread lets go of 20,000 kernel watches: let it finish before the next
             // round's request, which would otherwise wait for the thread's lock.
             WaitUntil([&] {
-                return database.activeWatchesForTesting() <= 2 && database.startsSettledForTesting();
+                return database.activeWatchesForTesting() <= 2 &&
+                       database.startsSettledForTesting();
             });
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }

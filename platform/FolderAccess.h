@@ -48,7 +48,8 @@ class FolderAccess {
     void checkBelow(const std::u16string& folder, const std::vector<std::u16string>& directories,
                     std::vector<uint32_t>& results);
 
-    // Whether the last check, checkAll or checkBelow was made by the kernel (false: by hand). For tests.
+    // Whether the last check, checkAll or checkBelow was made by the kernel (false: by hand). For
+    // tests.
     bool usedKernelForTesting() const { return usedKernel_; }
 
   private:

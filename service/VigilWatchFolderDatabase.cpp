@@ -112,8 +112,8 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
         PendingRecord& record = it->second;
-        if (record.filed && std::all_of(record.directories.begin(), record.directories.end(),
-                                        sendable)) {
+        if (record.filed &&
+            std::all_of(record.directories.begin(), record.directories.end(), sendable)) {
             // Every name is sendable: the same work as for a client that sees everything.
             if (clear) {
                 names = std::move(record.names);
@@ -168,8 +168,7 @@ void Database::pendingDirectories(const Guid& guid, const std::u16string& folder
             fileDirectories(record, record.names.begin(), record.names.end());
             record.filed = true;
         }
-        directories.insert(directories.end(), record.directories.begin(),
-                           record.directories.end());
+        directories.insert(directories.end(), record.directories.begin(), record.directories.end());
         return;
     }
 }

@@ -163,8 +163,7 @@ void ParseFolderList(const RequestBody& body, std::vector<Watch::WatchedFolder>&
     ParseTable(body, kAddFoldersTableShort, options, folders, visibility);
 }
 
-void ParseFolderListWithOptions(const RequestBody& body,
-                                std::vector<Watch::WatchedFolder>& folders,
+void ParseFolderListWithOptions(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders,
                                 Visibility* visibility) {
     Watch::FolderOptions options;
     options.watchSubtree = Field(body, 0) != 0;

@@ -51,8 +51,7 @@ void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId, const 
 // restricted `visibility`, for whether the client may list it.
 void ParseFolderList(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders,
                      Visibility* visibility = nullptr);
-void ParseFolderListWithOptions(const RequestBody& body,
-                                std::vector<Watch::WatchedFolder>& folders,
+void ParseFolderListWithOptions(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders,
                                 Visibility* visibility = nullptr);
 
 void SendFolderList(const ClientSoftRef& client, uint32_t requestId,

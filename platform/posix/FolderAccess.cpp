@@ -59,8 +59,7 @@ class ThreadFsCredentials {
             ::syscall(SYS_setfsgid, savedGid_);
             if (static_cast<gid_t>(::syscall(SYS_setfsgid, -1)) != savedGid_) std::abort();
         }
-        if (groupsSet_ &&
-            ::syscall(SYS_setgroups, savedGroups_.size(), savedGroups_.data()) != 0) {
+        if (groupsSet_ && ::syscall(SYS_setgroups, savedGroups_.size(), savedGroups_.data()) != 0) {
             std::abort();
         }
     }
@@ -109,7 +108,7 @@ uint32_t KernelCheck(const std::string& path, bool& unsupported) {
     parent.resize(slash == 0 ? 1 : slash);
     struct stat st;
     return ::stat(parent.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? Err::kFileNotFound
-                                                                    : Err::kPathNotFound;
+                                                                   : Err::kPathNotFound;
 }
 
 // The folder path of `directory` below `folder`, with the closing separator.
@@ -152,14 +151,16 @@ void FolderAccess::checkAll(const std::vector<std::u16string>& folders,
         if (acting.active()) {
             bool unsupported = false;
             for (size_t i = 0; i < folders.size() && !unsupported; ++i) {
-                if (results[i] != Err::kInvalidName) results[i] = KernelCheck(native[i], unsupported);
+                if (results[i] != Err::kInvalidName)
+                    results[i] = KernelCheck(native[i], unsupported);
             }
             usedKernel_ = !unsupported;
         }
     }
     if (!usedKernel_) {
         for (size_t i = 0; i < folders.size(); ++i) {
-            if (results[i] != Err::kInvalidName) results[i] = posix::CheckFolderByHand(native[i], user_);
+            if (results[i] != Err::kInvalidName)
+                results[i] = posix::CheckFolderByHand(native[i], user_);
         }
     }
     for (uint32_t code : results) {
@@ -167,18 +168,13 @@ void FolderAccess::checkAll(const std::vector<std::u16string>& folders,
     }
 }
 
-}  // namespace Osb
-
-namespace Osb {
-
 void FolderAccess::checkBelow(const std::u16string& folder,
                               const std::vector<std::u16string>& directories,
                               std::vector<uint32_t>& results) {
-    const bool plain = folder.find(u'\0') == std::u16string::npos &&
-                       std::none_of(directories.begin(), directories.end(),
-                                    [](const std::u16string& d) {
-                                        return d.find(u'\0') != std::u16string::npos;
-                                    });
+    const bool plain =
+        folder.find(u'\0') == std::u16string::npos &&
+        std::none_of(directories.begin(), directories.end(),
+                     [](const std::u16string& d) { return d.find(u'\0') != std::u16string::npos; });
     if (method_ == Method::kAuto && user_.known && plain) {
         results.assign(directories.size(), Err::kSuccess);
         ThreadFsCredentials acting(user_);
@@ -190,16 +186,15 @@ void FolderAccess::checkBelow(const std::u16string& folder,
             const int fd = ::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
             bool unsupported = false;
             for (size_t i = 0; i < directories.size() && !unsupported; ++i) {
-                if (fd >= 0 && !directories[i].empty()) {
+                if (fd >= 0 && !directories[i].empty() && directories[i].front() != u'/') {
                     const std::string relative = Utf16ToUtf8(directories[i]) + "/";
-                    if (::syscall(SYS_faccessat2, fd, relative.c_str(), R_OK | X_OK,
-                                  AT_EACCESS) == 0) {
+                    if (::syscall(SYS_faccessat2, fd, relative.c_str(), R_OK | X_OK, AT_EACCESS) ==
+                        0) {
                         continue;
                     }
                 }
                 // The folder itself, a refusal (for its exact code) or no handle: the whole path.
-                results[i] =
-                    KernelCheck(Utf16ToUtf8(Joined(folder, directories[i])), unsupported);
+                results[i] = KernelCheck(Utf16ToUtf8(Joined(folder, directories[i])), unsupported);
             }
             if (fd >= 0) ::close(fd);
             if (!unsupported) {

@@ -9,8 +9,10 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "platform/Utf.h"
+#include "service/VigilClientTable.h"
 #include "service/VigilWatchFolderDatabase.h"
 #include "tests/e2e/ServerFixture.h"
 #include "tests/support/PollUntil.h"
@@ -116,8 +118,8 @@ class VisibilityE2eTest : public ServerFixture {
         folder("tree/open", 0755);
         folder("tree/private", 0700);
         root.addFolders(kSubtree, {tree});
-        EXPECT_TRUE(PollUntil(
-            [] { return Vigil::Watch::ProcessDatabase().startsSettledForTesting(); }));
+        EXPECT_TRUE(
+            PollUntil([] { return Vigil::Watch::ProcessDatabase().startsSettledForTesting(); }));
         Touch(tree + "top");
         Touch(tree + "open/photo.jpg");
         Touch(tree + "private/payroll-2026.xlsx");
@@ -150,8 +152,8 @@ TEST_F(VisibilityE2eTest, AddFoldersWithAFolderTheUserMayNotListIsRefusedWholeAn
               "refused: Access is denied.\n");
     EXPECT_EQ(folderPaths(1), Names{});
     // The same user may watch what it may list.
-    const std::string allowed =
-        asPlainUser(1, [&](AgentConnection& c) { return Outcome([&] { c.addFolders(kSubtree, {open}); }); });
+    const std::string allowed = asPlainUser(
+        1, [&](AgentConnection& c) { return Outcome([&] { c.addFolders(kSubtree, {open}); }); });
     EXPECT_EQ(allowed, "ok");
     EXPECT_EQ(folderPaths(1), Names{open});
 }
@@ -214,7 +216,8 @@ TEST_F(VisibilityE2eTest, GetChangesLeavesOutNamesOfDirectoriesTheUserMayNotList
     const std::string tree = treeWithPendingNames(*root);
     const std::string out = asPlainUser(1, [&](AgentConnection& c) {
         std::string text;
-        for (const auto& changes : c.getChanges(true)) text += changes.path + ":" + Joined(changes.names);
+        for (const auto& changes : c.getChanges(true))
+            text += changes.path + ":" + Joined(changes.names);
         return text;
     });
     SKIP_WITHOUT_USERS(out);
@@ -235,6 +238,55 @@ TEST_F(VisibilityE2eTest, RemoveChangesTakesOffOnlyNamesTheUserCouldHaveBeenSent
     EXPECT_EQ(out, "ok");
     EXPECT_EQ(Joined(pending(*root, tree)),
               "open/photo.jpg;private/id_ed25519;private/payroll-2026.xlsx;");
+}
+
+// One user cannot take every slot of the client table: its connection past the limit is closed at
+// once, while root is served and the user gets in again once one of its connections is gone.
+TEST_F(VisibilityE2eTest, OneUserMayHoldOnlySoManyConnections) {
+    int ready[2], done[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(done), 0);
+    ChildOutcome outcome;
+    std::thread child([&] {
+        outcome = RunAsUser(kPlainUser, [&] {
+            std::string lines;
+            std::vector<std::unique_ptr<AgentConnection>> held;
+            for (uint32_t i = 0; i < Vigil::kMaxClientsPerUser; ++i) held.push_back(connect(1));
+            lines += "held " + std::to_string(held.size()) + "\n";
+            // Hello over a connection the service has closed fails with a broken pipe.
+            auto admitted = [&] {
+                try {
+                    connect(1);
+                    return true;
+                } catch (...) {
+                    return false;
+                }
+            };
+            lines += admitted() ? "one more admitted\n" : "one more refused\n";
+            // Root is served while this user holds its share.
+            char byte = 'r';
+            if (::write(ready[1], &byte, 1) != 1 || ::read(done[0], &byte, 1) != 1) {
+                return lines + "no word from the test\n";
+            }
+            held.pop_back();
+            const bool again = PollUntil(admitted);
+            return lines + (again ? "admitted again\n" : "still refused\n");
+        });
+        ::close(ready[1]);
+    });
+    char byte = 0;
+    const bool childReady = ::read(ready[0], &byte, 1) == 1;
+    std::string rootOutcome = "not tried";
+    if (childReady) {
+        rootOutcome = Outcome([&] { connect(2)->getFolders(); });
+        byte = 'd';
+        EXPECT_EQ(::write(done[1], &byte, 1), 1);
+    }
+    child.join();
+    for (int fd : {ready[0], done[0], done[1]}) ::close(fd);
+    if (outcome.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(rootOutcome, "ok");
+    EXPECT_EQ(outcome.output, "held 256\none more refused\nadmitted again\n");
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // Whether a user could list a folder: each row is decided three ways, by the kernel with the
 // calling thread's credentials switched, by hand from modes and ACLs, and by a child process that
 // really runs as that user, and all three must give the row's answer.
-#include "platform/FolderAccess.h"
-
 #include <gtest/gtest.h>
 #include <sys/acl.h>
 #include <sys/stat.h>
@@ -17,6 +15,7 @@
 #include <vector>
 
 #include "platform/ErrorCode.h"
+#include "platform/FolderAccess.h"
 #include "platform/Utf.h"
 #include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
@@ -96,7 +95,7 @@ std::string KernelAnswers(const std::vector<std::string>& paths) {
                 parent.resize(parent.rfind('/'));
                 struct stat st;
                 code = ::stat(parent.c_str(), &st) == 0 ? Osb::Err::kFileNotFound
-                                                         : Osb::Err::kPathNotFound;
+                                                        : Osb::Err::kPathNotFound;
             }
         }
         out << code << ' ';

@@ -143,7 +143,8 @@ TEST_F(WatchFolderDatabaseTest, FilteredCollectionTakesOnlyNamesOfAcceptedDirect
     Names names{u"untouched"};
     database_.getChanges(kOne, f, names, false, sendable);
     EXPECT_EQ(names, (Names{u"a/1", u"top", u"a/3", u"a/1"}));
-    EXPECT_EQ(changes(kOne, f), (Names{u"a/1", u"top", u"b/c/2", u"a/3", u"b/4", u"a/1", u"b/c/5"}));
+    EXPECT_EQ(changes(kOne, f),
+              (Names{u"a/1", u"top", u"b/c/2", u"a/3", u"b/4", u"a/1", u"b/c/5"}));
     // Asked for filed directories until one is refused, then once per run of names in one
     // directory.
     ASSERT_GE(asked.size(), 7u + 1u);
