@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "platform/IoRequest.h"
+#include "platform/PeerIdentity.h"
 #include "platform/SmartPointer.h"
 
 namespace Osb {
@@ -24,6 +25,9 @@ public:
     void write(const SmartPointer<IoRequest>& request);
     // Closes the connection. Open and later I/O ends as cancelled.
     void close();
+    // The user at the other end, read once when the connection was accepted; unknown (the least
+    // privileged user, PeerIdentity.h) when it could not be read.
+    const PeerIdentity& peer() const;
 
     Impl& impl() { return *impl_; }
 

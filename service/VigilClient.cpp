@@ -9,12 +9,18 @@
 
 namespace Vigil {
 
-Client::Client(const Osb::SmartPointer<Osb::IoDevice>& device) : device_(device) {}
+Client::Client(const Osb::SmartPointer<Osb::IoDevice>& device, const Osb::PeerIdentity& user)
+    : peer(user), device_(device) {}
 
 Client::~Client() = default;
 
 Osb::SmartPointer<Client> Client::create(const Osb::SmartPointer<Osb::IoDevice>& device) {
-    Osb::SmartPointer<Client> client(new Client(device));
+    return create(device, device ? device->peer() : Osb::ProcessIdentity());
+}
+
+Osb::SmartPointer<Client> Client::create(const Osb::SmartPointer<Osb::IoDevice>& device,
+                                         const Osb::PeerIdentity& peer) {
+    Osb::SmartPointer<Client> client(new Client(device, peer));
     Osb::MutexLock lock(clientTableMutex);
     client->id = clientTable.insert(client);
     return client;

@@ -16,6 +16,7 @@
 #include "platform/IoDevice.h"
 #include "platform/IoRequest.h"
 #include "platform/Mutex.h"
+#include "platform/PeerIdentity.h"
 #include "platform/SmartPointer.h"
 #include "service/VigilReceive.h"
 #include "service/VigilWatchTypes.h"
@@ -28,7 +29,12 @@ class Client : public Osb::SmartPointerBaseTwo {
     // strong reference beside the table's. Raises Osb::ExLookupTableFull when the table is full;
     // the Client and with it the device are then released. `device` may be null for a connection
     // that is driven by hand (onData) and whose replies go to a send hook.
+    //
+    // The client's user is the device's peer, or this process's own user for a null device; the
+    // second form gives it explicitly.
     static Osb::SmartPointer<Client> create(const Osb::SmartPointer<Osb::IoDevice>& device);
+    static Osb::SmartPointer<Client> create(const Osb::SmartPointer<Osb::IoDevice>& device,
+                                            const Osb::PeerIdentity& peer);
 
     ~Client() override;
     void strongReleased() override {}
@@ -51,6 +57,10 @@ class Client : public Osb::SmartPointerBaseTwo {
     // Set once by create() before the connection's first read; read-only afterwards.
     uint32_t id = 0;
 
+    // The user who connected, read from the connection at accept; it decides what the client may
+    // see (VigilVisibility.h).
+    const Osb::PeerIdentity peer;
+
     // Set by Hello and read by the handlers, only ever inside Dispatch, which runs under `mutex`
     // (handlers are called through a table, where the analysis cannot follow the lock). Before any
     // Hello they hold an all-zero GUID and version 0.0, so a request that guesses the id works on
@@ -65,7 +75,7 @@ class Client : public Osb::SmartPointerBaseTwo {
     Osb::Mutex mutex;
 
   private:
-    explicit Client(const Osb::SmartPointer<Osb::IoDevice>& device);
+    Client(const Osb::SmartPointer<Osb::IoDevice>& device, const Osb::PeerIdentity& user);
 
     const Osb::SmartPointer<Osb::IoDevice> device_;
     ReceiveBuffer receive_ OSB_GUARDED_BY(mutex);

@@ -9,6 +9,16 @@ namespace Vigil {
 Osb::Mutex clientTableMutex;
 ClientTable clientTable;
 
+uint32_t ClientsOfUser(uint32_t uid) {
+    Osb::MutexLock lock(clientTableMutex);
+    uint32_t count = 0;
+    for (uint32_t slot = 0; slot < kMaxClients; ++slot) {
+        const Osb::SmartPointer<Client>& client = clientTable.at(slot);
+        if (client && client->peer.uid == uid) ++count;
+    }
+    return count;
+}
+
 }  // namespace Vigil
 
 namespace Vigil {

@@ -19,6 +19,14 @@ using ClientTable = LookupTable<Osb::SmartPointer<Client>, kMaxClients>;
 extern Osb::Mutex clientTableMutex;
 extern ClientTable clientTable OSB_GUARDED_BY(clientTableMutex);
 
+// How many connections one user other than user 0 and the service's own may hold at a time: the
+// pipe is open to every local user, and without a bound one of them could take every slot of the
+// table and lock everyone else out. Clients whose credentials could not be read count as one user.
+constexpr uint32_t kMaxClientsPerUser = 256;
+
+// The connections in the table whose peer is `uid`. Takes clientTableMutex.
+uint32_t ClientsOfUser(uint32_t uid);
+
 }  // namespace Vigil
 
 namespace Vigil {

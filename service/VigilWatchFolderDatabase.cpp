@@ -1,6 +1,7 @@
 #include "service/VigilWatchFolderDatabase.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "platform/FileSystem.h"
 #include "service/VigilWatchFolderThread.h"
@@ -130,28 +131,11 @@ void Database::getFolders(const Guid& guid, std::vector<WatchedFolder>& result) 
     if (removeFoldersLocked(guid, missing, true)) save();
 }
 
-void Database::changesToSend(const Guid& guid, bool clear, std::vector<PendingRecord>& result) {
-    std::vector<WatchedFolder> folders;
-    getFolders(guid, folders);
-    for (const WatchedFolder& folder : folders) {
-        PendingRecord record{folder.path, {}, false};
-        getChanges(guid, folder.path, record.names, clear);
-        if (!record.names.empty()) result.push_back(std::move(record));
-    }
+void Database::goneFolders(const Guid& guid, std::vector<std::u16string>& paths) {
     Osb::MutexLock lock(mutex_);
     auto [first, last] = pending_.equal_range(guid);
-    for (auto it = first; it != last;) {
-        if (!it->second.gone || it->second.names.empty()) {
-            ++it;
-            continue;
-        }
-        if (!clear) {
-            result.push_back(it->second);
-            ++it;
-            continue;
-        }
-        result.push_back(std::move(it->second));
-        it = pending_.erase(it);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.gone && !it->second.names.empty()) paths.push_back(it->second.folder);
     }
 }
 
@@ -166,9 +150,85 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
             // what may be a long list.
             names = std::move(it->second.names);
             it->second.names.clear();
+            it->second.directories.clear();
+            // Nothing more can come to a folder that went: its record has served.
+            if (it->second.gone) pending_.erase(it);
         } else {
             names = it->second.names;
         }
+        return;
+    }
+}
+
+void Database::getChanges(const Guid& guid, const std::u16string& folder,
+                          std::vector<std::u16string>& names, bool clear,
+                          const std::function<bool(const std::u16string& directory)>& sendable) {
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.folder != folder) continue;
+        PendingRecord& record = it->second;
+        if (record.filed &&
+            std::all_of(record.directories.begin(), record.directories.end(), sendable)) {
+            // Every name is sendable: the same work as for a client that sees everything.
+            if (clear) {
+                names = std::move(record.names);
+                record.names.clear();
+                record.directories.clear();
+                if (record.gone) pending_.erase(it);
+            } else {
+                names = record.names;
+            }
+            return;
+        }
+        // Names of one directory tend to come together: ask again only when the directory
+        // changes. The directory is copied, since the name it comes from may be moved below.
+        std::u16string directory;
+        bool known = false;
+        bool send = false;
+        auto decide = [&](const std::u16string& name) {
+            const std::u16string_view of = DirectoryOf(name);
+            if (!known || of != directory) {
+                directory.assign(of);
+                send = sendable(directory);
+                known = true;
+            }
+            return send;
+        };
+        names.clear();
+        std::vector<std::u16string>& list = it->second.names;
+        if (!clear) {
+            for (const std::u16string& name : list) {
+                if (decide(name)) names.push_back(name);
+            }
+            return;
+        }
+        std::vector<std::u16string> kept;
+        for (std::u16string& name : list) {
+            const bool take = decide(name);
+            (take ? names : kept).push_back(std::move(name));
+        }
+        list = std::move(kept);
+        if (list.empty()) {
+            record.directories.clear();
+            if (record.gone) pending_.erase(it);
+        }
+        return;
+    }
+}
+
+void Database::pendingDirectories(const Guid& guid, const std::u16string& folder,
+                                  std::vector<std::u16string>& directories) {
+    Osb::MutexLock lock(mutex_);
+    auto [first, last] = pending_.equal_range(guid);
+    for (auto it = first; it != last; ++it) {
+        PendingRecord& record = it->second;
+        if (record.folder != folder) continue;
+        if (!record.filed) {
+            fileDirectories(record, record.names.begin(), record.names.end());
+            record.filed = true;
+        }
+        directories.insert(directories.end(), record.directories.begin(), record.directories.end());
         return;
     }
 }
@@ -190,6 +250,7 @@ void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
         std::vector<std::u16string>& list = it->second.names;
+        if (it->second.filed) fileDirectories(it->second, names.begin(), names.end());
         if (list.empty()) {
             list = std::move(names);  // the batch's own storage becomes the list
         } else {
@@ -199,7 +260,10 @@ void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
         return;
     }
     // Behind the client's other records: a multimap inserts equal keys at the end of their range.
-    pending_.insert({guid, PendingRecord{folder, std::move(names)}});
+    PendingRecord record;
+    record.folder = folder;
+    record.names = std::move(names);
+    pending_.insert({guid, std::move(record)});
 }
 
 void Database::addWatchChanges(const Guid& guid, const std::u16string& folder,
@@ -231,6 +295,23 @@ void Database::removeChanges(const Guid& guid, const std::u16string& folder,
         }
         if (list.empty()) pending_.erase(it);
         return;
+    }
+}
+
+void Database::fileDirectories(PendingRecord& record,
+                               std::vector<std::u16string>::const_iterator first,
+                               std::vector<std::u16string>::const_iterator last) {
+    // A batch tends to hold runs of names of one directory: look up only where the run ends.
+    std::u16string_view previous;
+    bool any = false;
+    for (auto name = first; name != last; ++name) {
+        const std::u16string_view of = DirectoryOf(*name);
+        if (any && of == previous) continue;
+        previous = of;
+        any = true;
+        if (record.directories.find(of) == record.directories.end()) {
+            record.directories.emplace(of);
+        }
     }
 }
 

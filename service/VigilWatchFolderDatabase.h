@@ -22,6 +22,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/Mutex.h"
@@ -32,12 +34,26 @@ namespace Vigil::Watch {
 
 class Thread;
 
+// A set of directory names that can be searched by a view, without making a string.
+struct DirectoryHash {
+    using is_transparent = void;
+    size_t operator()(std::u16string_view text) const {
+        return std::hash<std::u16string_view>{}(text);
+    }
+};
+using DirectorySet = std::unordered_set<std::u16string, DirectoryHash, std::equal_to<>>;
+
 struct PendingRecord {
     std::u16string folder;              // the watched folder's path
     std::vector<std::u16string> names;  // relative to it; repeats allowed
     // The folder left the client's table because it went (deleted, moved away, unmounted): the
     // names wait to be collected, and the record goes once they are.
     bool gone = false;
+    // Kept once a client that does not see everything has asked for the record's directories
+    // (pendingDirectories), so that its later requests need not look at every name: every
+    // directory (DirectoryOf) that holds a name on the list, and after removals maybe more.
+    bool filed = false;
+    DirectorySet directories;
 };
 
 class Database {
@@ -70,23 +86,36 @@ class Database {
     // a folder of that path that went before.
     void removeFolders(const Guid& guid, const std::vector<WatchedFolder>& folders);
     // The folder went (deleted, moved away, unmounted): it is stopped and removed as by
-    // removeFolders, but its pending names stay to be collected (changesToSend). Saves when the
+    // removeFolders, but its pending names stay to be collected (goneFolders). Saves when the
     // client had the folder. Called by the watch thread.
     void folderGone(const Guid& guid, const std::u16string& folder);
     // Appends the client's folders that still exist to `result`, in their order; the ones that
     // have gone are dropped as by folderGone after the lock is released.
     void getFolders(const Guid& guid, std::vector<WatchedFolder>& result);
-    // What a GetChanges reply carries: the pending names of each of the client's folders, in
-    // their order (folders that went are dropped first, as by getFolders), then those of the
-    // folders that went, in the order they went. Records without names are left out. With
-    // `clear` the names are taken off the lists, and a gone folder's record goes. Appends to
-    // `result`. Each folder is looked at under the lock by itself: names that land meanwhile are
-    // in this result or the next.
-    void changesToSend(const Guid& guid, bool clear, std::vector<PendingRecord>& result);
+    // The folders of the client that went (folderGone) with names still to be collected, in the
+    // order of their pending records; appended to `paths`. A GetChanges reply asks for their names
+    // (getChanges) after those of the client's folders. A gone folder's record goes once a
+    // getChanges with `clear` or a removeChanges has emptied it.
+    void goneFolders(const Guid& guid, std::vector<std::u16string>& paths);
     // Replaces `names` with the folder's pending list, emptied when `clear`; leaves `names` as it
-    // was when the folder has no pending record.
+    // was when the folder has no pending record. The record of a folder that went goes once
+    // `clear` has emptied it.
     void getChanges(const Guid& guid, const std::u16string& folder,
                     std::vector<std::u16string>& names, bool clear);
+    // getChanges for a client that may not see every name: only the names whose directory
+    // (DirectoryOf) `sendable` accepts are put in `names`, and with `clear` only they come off the
+    // list; the others stay, in their order. `sendable` runs under the database lock: it must
+    // only look up decisions made beforehand. It is asked for each directory of a filed record
+    // first; when it accepts them all, the list is taken whole, as getChanges takes it. Otherwise
+    // it is asked once for each run of names in one directory.
+    void getChanges(const Guid& guid, const std::u16string& folder,
+                    std::vector<std::u16string>& names, bool clear,
+                    const std::function<bool(const std::u16string& directory)>& sendable);
+    // The distinct directories (DirectoryOf) of the folder's pending names, appended to
+    // `directories` in no particular order; possibly also directories whose names have been taken
+    // off since. Files the record's names by directory from then on (PendingRecord::filed).
+    void pendingDirectories(const Guid& guid, const std::u16string& folder,
+                            std::vector<std::u16string>& directories);
     // Appends `names` to the folder's pending list, making the record when missing. The second
     // form takes the names over instead of copying them.
     void addChanges(const Guid& guid, const std::u16string& folder,
@@ -125,6 +154,10 @@ class Database {
     bool hasFolderLocked(const Guid& guid, const std::u16string& path) OSB_REQUIRES(mutex_);
     void addChangesLocked(const Guid& guid, const std::u16string& folder,
                           std::vector<std::u16string>&& names) OSB_REQUIRES(mutex_);
+    // Adds the directories of the names in [first, last) to the record's. REQUIRES: the lock.
+    static void fileDirectories(PendingRecord& record,
+                                std::vector<std::u16string>::const_iterator first,
+                                std::vector<std::u16string>::const_iterator last);
 
     // The database lock. Taken after a Client's mutex, before the thread lock.
     Osb::Mutex mutex_;

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "platform/ErrorCode.h"
 #include "platform/FileSystem.h"
@@ -63,8 +64,10 @@ class TerminatedStrings {
 };
 
 // One folder path of a folder list, located by the StringRef at `entry`: copied into the path
-// buffer, cut at its first zero unit, given its closing separator, and tested for existence.
-std::u16string ReadFolderPath(const RequestBody& body, uint64_t entry) {
+// buffer, cut at its first zero unit, given its closing separator, and tested for existence (for a
+// restricted client: whether its user may list it, which it cannot tell from existence where it
+// may not look).
+std::u16string ReadFolderPath(const RequestBody& body, uint64_t entry, Visibility* visibility) {
     const uint32_t offset = Field(body, entry);
     const uint32_t byteLength = Field(body, entry + 4);
     if (byteLength > 2 * kPathBufferUnits) throw ExInvalidDataValues(OSB_HERE);
@@ -83,17 +86,21 @@ std::u16string ReadFolderPath(const RequestBody& body, uint64_t entry) {
         buffer[length] = 0;
     }
     std::u16string path(buffer, length);
-    if (!Osb::PathExists(path)) throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
+    if (visibility != nullptr && visibility->restricted()) {
+        visibility->require(path);
+    } else if (!Osb::PathExists(path)) {
+        throw Osb::ExSystem(Osb::ErrorCode(), OSB_HERE);
+    }
     return path;
 }
 
 void ParseTable(const RequestBody& body, uint32_t headerAt, const Watch::FolderOptions& options,
-                std::vector<Watch::WatchedFolder>& folders) {
+                std::vector<Watch::WatchedFolder>& folders, Visibility* visibility) {
     const uint32_t count = Field(body, headerAt);
     const uint32_t tableOffset = Field(body, headerAt + 8);
     for (uint32_t i = 0; i < count; ++i) {
         const uint64_t entry = uint64_t{tableOffset} + uint64_t{kStringRefBytes} * i;
-        folders.push_back({ReadFolderPath(body, entry), options});
+        folders.push_back({ReadFolderPath(body, entry, visibility), options});
     }
 }
 
@@ -119,40 +126,69 @@ uint32_t PutString(uint8_t* body, uint8_t* entry, uint32_t at, const std::u16str
     return at + bytes;
 }
 
+struct FolderChanges {
+    std::u16string path;
+    std::vector<std::u16string> names;
+};
+
+// The folder's pending names for this reply. A restricted client gets only the names whose
+// directory it may list; with `clear` only those come off the list.
+void CollectChanges(Watch::Database& database, const Watch::Guid& guid,
+                    const std::u16string& folder, std::vector<std::u16string>& names, bool clear,
+                    Visibility& visibility) {
+    if (!visibility.restricted()) {
+        database.getChanges(guid, folder, names, clear);
+        return;
+    }
+    // Decided outside the database lock, which the watch thread's completions wait for; a name
+    // that comes in a directory not decided here is left for the next request.
+    std::vector<std::u16string> directories;
+    database.pendingDirectories(guid, folder, directories);
+    if (directories.empty()) return;
+    const std::unordered_set<std::u16string> visible =
+        visibility.visibleDirectories(folder, directories);
+    database.getChanges(guid, folder, names, clear, [&](const std::u16string& directory) {
+        return visible.count(directory) != 0;
+    });
+}
+
 }  // namespace
 
-void ParseFolderList(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders) {
+void ParseFolderList(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders,
+                     Visibility* visibility) {
     Watch::FolderOptions options;
     options.watchSubtree = Field(body, 0) != 0;
     options.reportChanged = 1;
     options.reportRemoved = 0;
-    ParseTable(body, kAddFoldersTableShort, options, folders);
+    ParseTable(body, kAddFoldersTableShort, options, folders, visibility);
 }
 
-void ParseFolderListWithOptions(const RequestBody& body,
-                                std::vector<Watch::WatchedFolder>& folders) {
+void ParseFolderListWithOptions(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders,
+                                Visibility* visibility) {
     Watch::FolderOptions options;
     options.watchSubtree = Field(body, 0) != 0;
     options.reportChanged = Field(body, 4) != 0;
     options.reportRemoved = Field(body, 8) != 0;
-    ParseTable(body, kAddFoldersTableWithOptions, options, folders);
+    ParseTable(body, kAddFoldersTableWithOptions, options, folders, visibility);
 }
 
 void HandleGetFolders(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
     if (body.length < kGetFoldersMinBody) throw ExInvalidLength(OSB_HERE);
     std::vector<Watch::WatchedFolder> folders;
     Watch::ProcessDatabase().getFolders(client->guid, folders);
+    Visibility(client->peer).keepVisible(folders);
     SendFolderList(client, requestId, folders);
 }
 
 void HandleAddFolders(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
     if (body.length < kAddFoldersMinBody) throw ExInvalidLength(OSB_HERE);
     std::vector<Watch::WatchedFolder> folders;
+    Visibility visibility(client->peer);
     // The layout follows the version the client stated in Hello; the message cannot tell.
     if (client->versionMajor >= 1) {
-        ParseFolderListWithOptions(body, folders);
+        ParseFolderListWithOptions(body, folders, &visibility);
     } else {
-        ParseFolderList(body, folders);
+        ParseFolderList(body, folders, &visibility);
     }
     Watch::ProcessDatabase().addFolders(client->guid, folders);
     SendStatusReply(client, requestId, kAddFoldersReply);
@@ -161,7 +197,8 @@ void HandleAddFolders(const ClientSoftRef& client, uint32_t requestId, const Req
 void HandleRemoveFolders(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
     if (body.length < kRemoveFoldersMinBody) throw ExInvalidLength(OSB_HERE);
     std::vector<Watch::WatchedFolder> folders;
-    ParseFolderList(body, folders);
+    Visibility visibility(client->peer);
+    ParseFolderList(body, folders, &visibility);
     Watch::ProcessDatabase().removeFolders(client->guid, folders);
     SendStatusReply(client, requestId, kRemoveFoldersReply);
 }
@@ -185,6 +222,7 @@ void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId, const 
     // folder at a time after that: entries may name the same strings over and over, and all their
     // copies at once could take thousands of times the size of the body.
     TerminatedStrings strings(body);
+    Visibility visibility(client->peer);
     for (uint32_t i = 0; i < count; ++i) {
         strings.units(Field(body, entryAt(i)));
         const uint32_t names = Field(body, entryAt(i) + 12);
@@ -197,8 +235,11 @@ void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId, const 
         folderNames.reserve(names);
         for (uint32_t j = 0; j < names; ++j)
             folderNames.push_back(strings.read(nameAt(entryAt(i), j)));
-        Watch::ProcessDatabase().removeChanges(client->guid, strings.read(Field(body, entryAt(i))),
-                                               folderNames);
+        const std::u16string folder = strings.read(Field(body, entryAt(i)));
+        // Only names the client could have been sent: a name it guessed stays pending.
+        visibility.keepSendable(folder, folderNames);
+        if (folderNames.empty()) continue;
+        Watch::ProcessDatabase().removeChanges(client->guid, folder, folderNames);
     }
     SendStatusReply(client, requestId, kRemoveChangesReply);
 }
@@ -227,15 +268,29 @@ void SendFolderList(const ClientSoftRef& client, uint32_t requestId,
 }
 
 void SendChanges(const ClientSoftRef& client, uint32_t requestId, bool clear) {
-    // The client's folders, then the ones that went with names still pending.
-    std::vector<Watch::PendingRecord> pending;
-    Watch::ProcessDatabase().changesToSend(client->guid, clear, pending);
+    Watch::Database& database = Watch::ProcessDatabase();
+    std::vector<Watch::WatchedFolder> folders;
+    database.getFolders(client->guid, folders);
+    // Behind the client's folders come those that went with names still to be collected.
+    std::vector<std::u16string> paths;
+    paths.reserve(folders.size());
+    for (Watch::WatchedFolder& folder : folders) paths.push_back(std::move(folder.path));
+    database.goneFolders(client->guid, paths);
+    Visibility visibility(client->peer);
+
+    // Each folder is asked for by itself: names may land between two calls, and are then in this
+    // reply or the next.
+    std::vector<FolderChanges> pending;
     uint64_t nameCount = 0;
     uint64_t stringBytes = 0;
-    for (const Watch::PendingRecord& folder : pending) {
-        nameCount += folder.names.size();
-        stringBytes += StringBytes(folder.folder);
-        for (const std::u16string& name : folder.names) stringBytes += StringBytes(name);
+    for (std::u16string& path : paths) {
+        std::vector<std::u16string> names;
+        CollectChanges(database, client->guid, path, names, clear, visibility);
+        if (names.empty()) continue;
+        nameCount += names.size();
+        stringBytes += StringBytes(path);
+        for (const std::u16string& name : names) stringBytes += StringBytes(name);
+        pending.push_back({std::move(path), std::move(names)});
     }
 
     const uint64_t tables =
@@ -255,8 +310,8 @@ void SendChanges(const ClientSoftRef& client, uint32_t requestId, bool clear) {
     uint8_t* folderEntry = body + 16;
     uint32_t nameTableAt = 16 + kFolderRefBytes * static_cast<uint32_t>(pending.size());
     uint32_t at = static_cast<uint32_t>(16 + tables);
-    for (const Watch::PendingRecord& folder : pending) {
-        at = PutString(body, folderEntry, at, folder.folder);
+    for (const FolderChanges& folder : pending) {
+        at = PutString(body, folderEntry, at, folder.path);
         Store32(folderEntry + 12, static_cast<uint32_t>(folder.names.size()));
         Store32(folderEntry + 16, kStringRefBytes);
         Store32(folderEntry + 20, nameTableAt);

@@ -14,6 +14,12 @@
 // Every folder list is decoded and every path tested before the database is called, and a
 // RemoveChanges body is checked whole before its first removal, so a refused request changes
 // nothing. A path that does not exist is Osb::ExSystem with the system's code.
+//
+// Clients that do not see everything (VigilVisibility.h): every folder of AddFolders and
+// RemoveFolders must be one the client may list, or the request is refused with Osb::ExSystem 5
+// (2 or 3 where the client's user can see the name is missing) and changes nothing; GetFolders
+// lists only those folders; GetChanges sends, and with clear takes off, only the names whose
+// directory the client may list; RemoveChanges takes off only such names.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +27,7 @@
 
 #include "service/VigilClient.h"
 #include "service/VigilRequestBody.h"
+#include "service/VigilVisibility.h"
 #include "service/VigilWatchTypes.h"
 
 namespace Vigil {
@@ -40,10 +47,12 @@ void HandleRemoveChanges(const ClientSoftRef& client, uint32_t requestId, const 
 
 // Folder list decoders, appending to `folders`. The short layout: watchSubtree, ArrayHeader at 4;
 // reportChanged 1, reportRemoved 0. With options: three option fields, reserved, ArrayHeader at 16.
-// Every path leaves them ending with the separator.
-void ParseFolderList(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders);
-void ParseFolderListWithOptions(const RequestBody& body,
-                                std::vector<Watch::WatchedFolder>& folders);
+// Every path leaves them ending with the separator. Each path is tested for existence, or, with a
+// restricted `visibility`, for whether the client may list it.
+void ParseFolderList(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders,
+                     Visibility* visibility = nullptr);
+void ParseFolderListWithOptions(const RequestBody& body, std::vector<Watch::WatchedFolder>& folders,
+                                Visibility* visibility = nullptr);
 
 void SendFolderList(const ClientSoftRef& client, uint32_t requestId,
                     const std::vector<Watch::WatchedFolder>& folders);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace Vigil::Watch {
 
@@ -35,5 +36,12 @@ struct WatchedFolder {
     std::u16string path;  // ends with the path separator
     FolderOptions options;
 };
+
+// The directory that holds a pending name, relative to the watched folder: the part of the name
+// before its last separator, empty for a name in the folder itself.
+inline std::u16string_view DirectoryOf(std::u16string_view name) {
+    const size_t slash = name.rfind(u'/');
+    return slash == std::u16string_view::npos ? std::u16string_view() : name.substr(0, slash);
+}
 
 }  // namespace Vigil::Watch

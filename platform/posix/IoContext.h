@@ -101,5 +101,6 @@ uint32_t ErrorFromAsio(const boost::system::error_code& ec);
 namespace Osb {
 struct IoDevice::Impl {
     std::shared_ptr<posix::DeviceState> state;
+    PeerIdentity peer;  // set at accept, const afterwards
 };
 }  // namespace Osb

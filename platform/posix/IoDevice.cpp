@@ -124,4 +124,6 @@ void IoDevice::write(const SmartPointer<IoRequest>& request) {
 
 void IoDevice::close() { impl_->state->close(); }
 
+const PeerIdentity& IoDevice::peer() const { return impl_->peer; }
+
 }  // namespace Osb

@@ -13,6 +13,7 @@
 #include "platform/IoDevice.h"
 #include "platform/SystemRoot.h"
 #include "platform/posix/IoContext.h"
+#include "platform/posix/SocketPeer.h"
 
 namespace Osb {
 
@@ -98,6 +99,7 @@ void ServerState::acceptNext() {
             if (ec == asio::error::operation_aborted) return;
             if (!ec) {
                 auto impl = std::make_unique<IoDevice::Impl>();
+                impl->peer = SocketPeerIdentity(socket.native_handle());
                 impl->state = std::make_shared<DeviceState>(self->backend_, std::move(socket));
                 SmartPointer<IoDevice> device(new IoDevice(std::move(impl)));
                 try {

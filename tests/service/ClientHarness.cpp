@@ -63,7 +63,10 @@ std::vector<std::u16string> Reply::errorTexts() const {
     return texts;
 }
 
-DrivenClient::DrivenClient() : client_(Vigil::Client::create(Osb::SmartPointer<Osb::IoDevice>())) {
+DrivenClient::DrivenClient() : DrivenClient(Osb::ProcessIdentity()) {}
+
+DrivenClient::DrivenClient(const Osb::PeerIdentity& peer)
+    : client_(Vigil::Client::create(Osb::SmartPointer<Osb::IoDevice>(), peer)) {
     client_->setSendHookForTesting([this](const Osb::SmartPointer<Osb::IoRequest>& request) {
         Reply reply;
         reply.raw.assign(request->buffer(), request->buffer() + request->length());

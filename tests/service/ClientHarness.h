@@ -32,6 +32,8 @@ struct Reply {
 class DrivenClient {
   public:
     DrivenClient();
+    // A client of the given user (the default is this process's own).
+    explicit DrivenClient(const Osb::PeerIdentity& peer);
     void feed(const Bytes& bytes);
     uint32_t id() const { return client_->id; }
     Vigil::Client& client() { return *client_; }

@@ -125,6 +125,63 @@ TEST_F(WatchFolderDatabaseTest, PendingListsRepeatRemoveEveryOccurrenceAndCleanU
     EXPECT_EQ(changes(kOne, g), Names{u"untouched"});
 }
 
+// The filtered collection: only names of accepted directories are sent, and with clear only they
+// come off; the directories are listed once each.
+TEST_F(WatchFolderDatabaseTest, FilteredCollectionTakesOnlyNamesOfAcceptedDirectories) {
+    const std::u16string f = u"/f/";
+    database_.addChanges(kOne, f, {u"a/1", u"top", u"b/c/2", u"a/3", u"b/4", u"a/1", u"b/c/5"});
+    database_.addChanges(kTwo, f, {u"a/other"});
+    Names directories;
+    database_.pendingDirectories(kOne, f, directories);
+    std::sort(directories.begin(), directories.end());
+    EXPECT_EQ(directories, (Names{u"", u"a", u"b", u"b/c"}));
+    Names none;
+    database_.pendingDirectories(kOne, u"/no-record/", none);
+    EXPECT_EQ(none, Names{});
+
+    Names asked;
+    auto sendable = [&](const std::u16string& directory) {
+        asked.push_back(directory);
+        return directory == u"a" || directory.empty();
+    };
+    Names names{u"untouched"};
+    database_.getChanges(kOne, f, names, false, sendable);
+    EXPECT_EQ(names, (Names{u"a/1", u"top", u"a/3", u"a/1"}));
+    EXPECT_EQ(changes(kOne, f),
+              (Names{u"a/1", u"top", u"b/c/2", u"a/3", u"b/4", u"a/1", u"b/c/5"}));
+    // Asked for filed directories until one is refused, then once per run of names in one
+    // directory.
+    ASSERT_GE(asked.size(), 7u + 1u);
+    EXPECT_EQ(Names(asked.end() - 7, asked.end()),
+              (Names{u"a", u"", u"b/c", u"a", u"b", u"a", u"b/c"}));
+    asked.clear();
+
+    database_.getChanges(kOne, f, names, true, sendable);
+    EXPECT_EQ(names, (Names{u"a/1", u"top", u"a/3", u"a/1"}));
+    EXPECT_EQ(changes(kOne, f), (Names{u"b/c/2", u"b/4", u"b/c/5"}));
+    EXPECT_EQ(changes(kTwo, f), Names{u"a/other"});
+
+    // Names that come later are filed as they come: a new directory is offered for decision, and
+    // a name there is not sent before it has been decided.
+    database_.addChanges(kOne, f, {u"d/6"});
+    directories.clear();
+    database_.pendingDirectories(kOne, f, directories);
+    EXPECT_NE(std::find(directories.begin(), directories.end(), u"d"), directories.end());
+    database_.addChanges(kOne, f, {u"e/7"});  // after the decisions were made
+    auto all = [](const std::u16string& directory) { return directory != u"e"; };
+    database_.getChanges(kOne, f, names, true, all);
+    EXPECT_EQ(names, (Names{u"b/c/2", u"b/4", u"b/c/5", u"d/6"}));
+    EXPECT_EQ(changes(kOne, f), Names{u"e/7"});
+    // All accepted: the list is taken whole.
+    auto every = [](const std::u16string&) { return true; };
+    database_.getChanges(kOne, f, names, true, every);
+    EXPECT_EQ(names, Names{u"e/7"});
+    EXPECT_EQ(changes(kOne, f), Names{});
+    Names left{u"untouched"};
+    database_.getChanges(kOne, u"/no-record/", left, true, sendable);
+    EXPECT_EQ(left, Names{u"untouched"});
+}
+
 TEST_F(WatchFolderDatabaseTest, GetFoldersForgetsAMissingFolderAndTheCacheFollows) {
     const std::u16string keep = folder("keep"), gone = folder("gone");
     database_.addFolders(kOne, {{keep, {0, 1, 0, 0}}, {gone, {0, 1, 0, 0}}});

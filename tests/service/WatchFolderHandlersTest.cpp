@@ -3,6 +3,7 @@
 // the database as it was, the good entries before the bad one included.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -389,6 +390,54 @@ TEST_F(WatchFolderHandlersTest, RemoveChangesNamingOneStringOverAndOverStaysSmal
     std::vector<std::u16string> left;
     ProcessDatabase().getChanges(guid_, u"/f/", left, false);
     EXPECT_EQ(left, std::vector<std::u16string>{u"n"});
+}
+
+// A client whose credentials could not be read is the least privileged user: the "others" bits
+// alone decide what it may add, list and collect.
+TEST_F(WatchFolderHandlersTest, AClientOfUnknownCredentialsSeesWhatOthersMaySee) {
+    namespace fs = std::filesystem;
+    ASSERT_EQ(::chmod(root_.path().c_str(), 0755), 0);
+    const std::string others = root_ / "w/others", group = root_ / "w/group";
+    fs::create_directories(others + "/closed");
+    fs::create_directories(group);
+    ASSERT_EQ(::chmod((root_ / "w").c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(others.c_str(), 0705), 0);
+    ASSERT_EQ(::chmod((others + "/closed").c_str(), 0770), 0);
+    ASSERT_EQ(::chmod(group.c_str(), 0770), 0);
+    const std::u16string othersPath = Osb::Utf8ToUtf16(others) + u"/";
+    const std::u16string groupPath = Osb::Utf8ToUtf16(group) + u"/";
+
+    DrivenClient unknown{Osb::PeerIdentity{}};
+    unknown.feed(Request(kHello, 0, 1, HelloBody(1, 0, guid_)));
+    unknown.take();
+    unknown.feed(Request(kAddFolders, unknown.id(), 2,
+                         FolderListBody(16, {Units(othersPath), Units(groupPath)})));
+    auto replies = unknown.take();
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].errorTexts(), std::vector<std::u16string>{u"Access is denied."});
+    EXPECT_TRUE(folders().empty());
+
+    // Added by this process's own client, which sees everything; the unknown one lists only the
+    // folder that others may list, and gets only the names of directories they may list.
+    exchange(kAddFolders, FolderListBody(16, {Units(othersPath), Units(groupPath)}));
+    ProcessDatabase().addChanges(guid_, othersPath, {u"top", u"closed/inside"});
+    ProcessDatabase().addChanges(guid_, groupPath, {u"g"});
+    unknown.feed(Request(kGetFolders, unknown.id(), 3, Le32({0})));
+    replies = unknown.take();
+    ASSERT_EQ(replies.size(), 1u);
+    const Bytes& list = replies[0].body;
+    ASSERT_GE(list.size(), 12u);
+    EXPECT_EQ(Load32(list.data()), 1u);
+    unknown.feed(Request(kGetChanges, unknown.id(), 4, Le32({1})));
+    replies = unknown.take();
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(Load32(replies[0].body.data() + 4), 1u);  // one folder: others, with "top" alone
+    EXPECT_EQ(Load32(replies[0].body.data() + 16 + 12), 1u);
+    std::vector<std::u16string> left;
+    ProcessDatabase().getChanges(guid_, othersPath, left, false);
+    EXPECT_EQ(left, std::vector<std::u16string>{u"closed/inside"});
+    ProcessDatabase().getChanges(guid_, groupPath, left, false);
+    EXPECT_EQ(left, std::vector<std::u16string>{u"g"});
 }
 
 }  // namespace
