@@ -12,11 +12,16 @@
 //     holds.
 //   - A started service is its BinaryPath run with no arguments as a detached process in a session
 //     of its own, with the environment of the starter plus VIGIL_SERVICE=NAME, standard input from
-//     /dev/null and standard output and error appended to ROOT/var/log/orvanta/NAME.log.
+//     /dev/null and standard output and error appended to ROOT/var/log/orvanta/NAME.log. Once its
+//     dispatcher runs, the process keeps that log itself, rotating it at 10 MiB into NAME.log.1 ..
+//     NAME.log.3 (see OutputCapture).
 //   - While it runs, the service process serves its control endpoint, the Unix socket
 //     ROOT/run/orvanta/services/NAME, and holds a lock on ROOT/run/orvanta/services/NAME.lock for
 //     its whole life. Controls and queries of other processes go through the endpoint; a socket
 //     that nobody serves counts as a stopped service and is replaced by the next start.
+//   - The manager's files and the endpoint are for user 0 and the service's own user only: files
+//     0600, the socket 0600, and any other caller of the endpoint gets 5, for queries too. No call
+//     waits on a lock without limit (1053 after 30 seconds).
 // Service names are matched exactly (case matters); an empty name, or one holding '/', '\' or a
 // zero unit, or longer than 256 units, is refused with 123.
 //

@@ -2,13 +2,12 @@
 // started detached, and controls and queries through each running service's endpoint.
 #include "platform/ServiceControl.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <set>
 
 #include "platform/ErrorCode.h"
@@ -17,6 +16,7 @@
 #include "platform/Utf.h"
 #include "platform/posix/ServiceFiles.h"
 #include "platform/posix/ServiceLauncher.h"
+#include "platform/posix/ServiceLockWait.h"
 
 namespace Osb {
 
@@ -94,6 +94,7 @@ bool Query(const std::string& name, SERVICE_STATUS& status) {
         return true;
     }
     if (code != Err::kSuccess) return false;
+    if (reply.result != Err::kSuccess) return Fail(reply.result, false);  // a refused caller
     status = reply.status;
     return true;
 }
@@ -102,36 +103,8 @@ bool Query(const std::string& name, SERVICE_STATUS& status) {
 bool Answers(const std::string& name) {
     Scm::EndpointReply reply = {};
     return Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, answerMs.load()) == Err::kSuccess &&
-           reply.status.dwCurrentState != SERVICE_STOPPED;
+           reply.result == Err::kSuccess && reply.status.dwCurrentState != SERVICE_STOPPED;
 }
-
-// Holds NAME.start for one start, so that two starters never both launch a process.
-class StartLock {
-public:
-    explicit StartLock(const std::string& name)
-        : fd_(::open(Scm::StartLockPath(name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-        if (fd_ < 0) {
-            error_ = SetLastErrorFromErrno(errno, Scm::StartLockPath(name).c_str());
-            return;
-        }
-        while (::flock(fd_, LOCK_EX) != 0) {
-            if (errno != EINTR) {
-                error_ = SetLastErrorFromErrno(errno);
-                return;
-            }
-        }
-    }
-    ~StartLock() {
-        if (fd_ >= 0) ::close(fd_);  // closing releases the lock
-    }
-    StartLock(const StartLock&) = delete;
-    StartLock& operator=(const StartLock&) = delete;
-    uint32_t error() const { return error_; }
-
-private:
-    int fd_;
-    uint32_t error_ = Err::kSuccess;
-};
 
 // Waits until the launched process has registered its handler (0), has ended (1067) or the time
 // is up (1053). The pidfd is closed here.
@@ -150,10 +123,18 @@ uint32_t AwaitRegistration(const std::string& name, int pidfd) {
         if (ended) {
             // It may have registered and stopped between the two looks; the query above decides.
             if (pidfd >= 0) ::close(pidfd);
+            std::fprintf(stderr, "service manager: the process of %s ended before it registered "
+                         "its control handler (error %u); its output is in %s\n",
+                         name.c_str(), static_cast<unsigned>(Err::kProcessAborted),
+                         Scm::LogPath(name).c_str());
             return Fail(Err::kProcessAborted, Err::kProcessAborted);
         }
         if (Clock::now() >= deadline) {
             if (pidfd >= 0) ::close(pidfd);
+            std::fprintf(stderr, "service manager: the process of %s did not register its control "
+                         "handler within %d ms (error %u); it is left running\n",
+                         name.c_str(), answerMs.load(),
+                         static_cast<unsigned>(Err::kServiceRequestTimeout));
             return Fail(Err::kServiceRequestTimeout, Err::kServiceRequestTimeout);
         }
     }
@@ -169,7 +150,7 @@ SC_HANDLE OpenSCManagerW(const char16_t* machine, const char16_t* database, uint
     if (!Empty(machine) || !Empty(database)) return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
     if ((access & ~kManagerReadAccess) != 0) {
         const std::string folder = Scm::ServicesFolder();
-        if (const uint32_t code = CreateDirectories(folder); code != Err::kSuccess) {
+        if (const uint32_t code = Scm::CreatePrivateFolder(folder); code != Err::kSuccess) {
             return Fail<SC_HANDLE>(code, nullptr);
         }
         if (::access(folder.c_str(), W_OK) != 0) {
@@ -252,8 +233,8 @@ bool DeleteService(SC_HANDLE service) {
     if (Scm::InstanceAlive(name)) {
         // A running service is removed when its process ends (its dispatcher, or the next look
         // of the manager, finishes the deletion).
-        const int fd = ::open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) return Fail(SetLastErrorFromErrno(errno, mark.c_str()), false);
+        const int fd = Scm::OpenPrivateFile(mark, true);
+        if (fd < 0) return false;
         ::close(fd);
         Scm::FinishPendingDeletion(name);  // it may have ended meanwhile
         return true;
@@ -283,18 +264,16 @@ bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t**) {
         return Fail(Err::kServiceMarkedForDelete, false);
     }
     if (record.startType == SERVICE_DISABLED) return Fail(Err::kServiceDisabled, false);
-    if (const uint32_t code = CreateDirectories(Scm::RunFolder()); code != Err::kSuccess) {
+    if (const uint32_t code = Scm::CreatePrivateFolder(Scm::RunFolder()); code != Err::kSuccess) {
         return Fail(code, false);
     }
-    const StartLock startLock(name);
+    const Scm::StartLock startLock(name, answerMs.load());
     if (startLock.error() != Err::kSuccess) return false;
     // A previous process that still holds its lock is either running (1056) or on its way out,
     // which the start waits for, so that the new process can take the lock and the endpoint.
-    const auto deadline = Clock::now() + std::chrono::milliseconds(answerMs.load());
-    while (Scm::InstanceAlive(name)) {
-        if (Answers(name)) return Fail(Err::kServiceAlreadyRunning, false);
-        if (Clock::now() >= deadline) return Fail(Err::kServiceRequestTimeout, false);
-        ::usleep(kPollMs * 1000);
+    if (Scm::AwaitInstanceLockFree(name, answerMs.load(), [&] { return Answers(name); }) !=
+        Err::kSuccess) {
+        return false;
     }
     int pidfd = -1;
     if (Scm::LaunchService(name, record.binaryPath, pidfd) != Err::kSuccess) return false;

@@ -4,10 +4,13 @@
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -17,6 +20,7 @@
 #include "platform/ServiceControl.h"
 #include "platform/SystemRoot.h"
 #include "platform/Utf.h"
+#include "platform/posix/OutputCapture.h"
 #include "platform/posix/ServiceFiles.h"
 
 namespace Osb {
@@ -28,6 +32,9 @@ namespace {
 // How long the dispatcher gives a caller to send its request and take its reply, so that a caller
 // that connects and goes silent cannot hold up the controls of everybody else.
 constexpr int kCallerTimeoutSeconds = 2;
+// How long a new process waits for NAME.lock while others hold it shared (a starter's brief look,
+// or a stranger's lock on a file it opened before the file was tightened).
+constexpr int kInstanceLockWaitMs = 5000;
 
 StatusHandleTag statusHandle;
 
@@ -49,6 +56,8 @@ struct Dispatcher {
 };
 
 Dispatcher dispatcher;
+
+std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 void Wake() {
     const char byte = 0;
@@ -92,6 +101,15 @@ uint32_t Screen(uint32_t control, const SERVICE_STATUS& status) {
     return Err::kSuccess;
 }
 
+// Only user 0 and the service's own user may control or query the service. The socket file is
+// 0600 already; this holds even when somebody has made the file wider.
+bool MayControl(int fd) {
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
+    return peer.uid == 0 || peer.uid == ::geteuid();
+}
+
 // Answers one caller of the endpoint, on the dispatcher's thread.
 void ServeOne(int listenFd) {
     const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
@@ -105,6 +123,12 @@ void ServeOne(int listenFd) {
         return;
     }
     Scm::EndpointReply reply = {};
+    if (!MayControl(fd)) {
+        reply.result = Err::kAccessDenied;  // and no status: others may not learn it either
+        Transfer(fd, &reply, sizeof(reply), false);
+        ::close(fd);
+        return;
+    }
     LPHANDLER_FUNCTION_EX handler = nullptr;
     void* context = nullptr;
     {
@@ -130,21 +154,44 @@ void ServeOne(int listenFd) {
 
 // Holds NAME.lock for the life of the dispatcher; that is how starters tell a live process.
 int TakeInstanceLock(const std::string& name, uint32_t& code) {
-    code = CreateDirectories(Scm::RunFolder());
+    code = Scm::CreatePrivateFolder(Scm::RunFolder());
     if (code != Err::kSuccess) return -1;
     const std::string path = Scm::LockPath(name);
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = Scm::OpenPrivateFile(path, false);
     if (fd < 0) {
-        code = SetLastErrorFromErrno(errno, path.c_str());
+        code = ErrorCode();
         return -1;
     }
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        code = errno == EWOULDBLOCK ? Err::kServiceAlreadyRunning : ErrorFromErrno(errno);
-        SetLastError(code);
-        ::close(fd);
-        return -1;
+    const auto since = std::chrono::steady_clock::now();
+    const auto deadline = since + std::chrono::milliseconds(kInstanceLockWaitMs);
+    for (;;) {
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
+        if (errno == EINTR) continue;
+        if (errno != EWOULDBLOCK) {
+            code = SetLastErrorFromErrno(errno, path.c_str());
+            break;
+        }
+        // A shared lock that can be had means nobody holds the exclusive one: no other instance
+        // runs, only somebody looks. An exclusive holder is another instance.
+        if (::flock(fd, LOCK_SH | LOCK_NB) != 0) {
+            code = Err::kServiceAlreadyRunning;
+            SetLastError(code);
+            break;
+        }
+        ::flock(fd, LOCK_UN);
+        if (std::chrono::steady_clock::now() >= deadline) {
+            std::fprintf(stderr, "service manager: %s stayed locked by another process for %d ms; "
+                         "the service does not start (error %u)\n",
+                         path.c_str(), kInstanceLockWaitMs,
+                         static_cast<unsigned>(Err::kServiceRequestTimeout));
+            code = Err::kServiceRequestTimeout;
+            SetLastError(code);
+            break;
+        }
+        ::poll(nullptr, 0, 10);
     }
-    return fd;
+    ::close(fd);
+    return -1;
 }
 
 // Serves the endpoint until the service has reported SERVICE_STOPPED or its thread has returned.
@@ -198,6 +245,12 @@ bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table) {
         ::close(lockFd);
         return false;
     }
+    // Under the lock, so that only one process at a time rotates the log. Should the log not
+    // open, the output goes on where the starter pointed it.
+    Scm::OutputCapture output;
+    if (Scm::CreatePrivateFolder(ParentOf(Scm::LogPath(name))) == Err::kSuccess) {
+        output.begin(Scm::LogPath(name), Scm::kServiceLogLimit, Scm::kServiceLogKeep);
+    }
     {
         MutexLock lock(dispatcher.mutex);
         dispatcher.active = true;
@@ -246,6 +299,7 @@ bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table) {
     }
     ::close(wake[0]);
     ::close(wake[1]);
+    output.end();
     ::close(lockFd);
     return true;
 }
@@ -277,8 +331,10 @@ SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerExW(const std::u16string&,
     // This process holds the service's lock, so a socket already there was left by a process
     // that died; it is replaced.
     ::unlink(path.c_str());
+    // bind() gives the file the umask's mode; it is narrowed before listen(), and nobody can
+    // connect before that.
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(fd, SOMAXCONN) != 0) {
+        ::chmod(path.c_str(), 0600) != 0 || ::listen(fd, SOMAXCONN) != 0) {
         SetLastErrorFromErrno(errno, path.c_str());
         ::close(fd);
         return nullptr;

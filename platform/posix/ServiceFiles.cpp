@@ -21,7 +21,8 @@ namespace Osb::Scm {
 
 namespace {
 
-constexpr uint32_t kInvalidData = 13;  // ERROR_INVALID_DATA
+constexpr uint32_t kInvalidData = 13;      // ERROR_INVALID_DATA
+constexpr uint32_t kCantAccessFile = 1920;  // ERROR_CANT_ACCESS_FILE
 constexpr size_t kMaxNameUnits = 256;
 
 struct Key {
@@ -35,10 +36,16 @@ bool ParseNumber(std::string_view text, uint32_t& value) {
     return error == std::errc() && end == text.data() + text.size();
 }
 
-// Reads the whole of `path`; 0 or a Windows code.
+// Reads the whole of `path`, a file of the manager's; 0 or a Windows code. One that others may
+// read (written before records were made 0600) is narrowed when the caller may change it.
 uint32_t ReadFile(const std::string& path, std::string& text) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return SetLastErrorFromErrno(errno, path.c_str());
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return SetLastErrorFromErrno(errno == ELOOP ? EACCES : errno, path.c_str());
+    struct stat info = {};
+    if (::fstat(fd, &info) == 0 && (info.st_mode & 077) != 0 &&
+        (info.st_uid == ::geteuid() || ::geteuid() == 0)) {
+        [[maybe_unused]] const int narrowed = ::fchmod(fd, 0600);
+    }
     text.clear();
     const int err = posix::ReadAll(fd, text);
     ::close(fd);
@@ -169,12 +176,14 @@ uint32_t ReadRecord(const std::string& name, ServiceRecord& record) {
 
 uint32_t WriteRecord(const std::string& name, const ServiceRecord& record, bool createNew) {
     const std::string folder = ServicesFolder();
-    if (const uint32_t code = CreateDirectories(folder); code != Err::kSuccess) return code;
+    if (const uint32_t code = CreatePrivateFolder(folder); code != Err::kSuccess) return code;
     // The temporary name starts with a dot and has no ".conf" end, so it never reads as a service.
     std::string temp = folder + "/.tmp-" + name + "-XXXXXX";
     const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
     if (fd < 0) return SetLastErrorFromErrno(errno, temp.c_str());
-    const bool written = posix::WriteAll(fd, FormatRecord(record)) && ::fchmod(fd, 0644) == 0;
+    // mkostemp makes the file 0600, which is what a record keeps: it names an account and a binary
+    // that only root and the service's own user need to read.
+    const bool written = posix::WriteAll(fd, FormatRecord(record));
     const int writeErr = errno;
     ::close(fd);
     if (!written) {
@@ -196,9 +205,50 @@ uint32_t WriteRecord(const std::string& name, const ServiceRecord& record, bool 
     return SetLastErrorFromErrno(err, path.c_str());
 }
 
+int OpenPrivateFile(const std::string& path, bool append) {
+    const int access = append ? O_WRONLY | O_APPEND : O_RDWR;
+    const int fd = ::open(path.c_str(), access | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        // O_NOFOLLOW refuses a link with ELOOP, which says nothing useful to the caller.
+        const int err = errno == ELOOP ? EACCES : errno;
+        SetLastErrorFromErrno(err, path.c_str());
+        return -1;
+    }
+    struct stat info = {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(fd);
+        SetLastError(kCantAccessFile);
+        return -1;
+    }
+    // The mode given to open() counts only for a new file and is cut by the umask anyway; the one
+    // set here on the descriptor is what holds. A foreign owner could widen it again at will.
+    if (info.st_uid != 0 && info.st_uid != ::geteuid() && ::geteuid() == 0) {
+        [[maybe_unused]] const int taken = ::fchown(fd, 0, static_cast<gid_t>(-1));
+    }
+    if ((info.st_mode & 077) != 0 && ::fchmod(fd, 0600) != 0) {
+        const int err = errno;
+        ::close(fd);
+        SetLastErrorFromErrno(err, path.c_str());
+        return -1;
+    }
+    return fd;
+}
+
+uint32_t CreatePrivateFolder(const std::string& path) {
+    if (const uint32_t code = CreateDirectories(path); code != Err::kSuccess) return code;
+    struct stat info = {};
+    if (::stat(path.c_str(), &info) == 0 && (info.st_mode & 022) != 0 &&
+        (info.st_uid == ::geteuid() || ::geteuid() == 0)) {
+        // A folder others may write lets them swap the manager's files for their own.
+        [[maybe_unused]] const int changed = ::chmod(path.c_str(), info.st_mode & 07755);
+    }
+    return Err::kSuccess;
+}
+
 bool InstanceAlive(const std::string& name) {
-    const int fd = ::open(LockPath(name).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
+    const int fd = ::open(LockPath(name).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    // Without the file there is no process; a file the caller may not open may well be held.
+    if (fd < 0) return errno != ENOENT;
     // A shared lock is refused only while the process holds its exclusive one.
     const bool alive = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     ::close(fd);
@@ -229,18 +279,30 @@ uint32_t CallEndpoint(const std::string& name, const EndpointRequest& request,
         return Err::kFilenameExcedRange;
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Non-blocking, so that a full backlog cannot hold the caller: a Unix socket's connect() would
+    // wait for room without limit, where this one fails with EAGAIN and is tried again until the
+    // deadline.
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return SetLastErrorFromErrno(errno);
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     uint32_t code = Err::kServiceNotActive;
-    const bool connected =
-        ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    bool connected = false;
+    for (;;) {
+        connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+        if (connected || (errno != EAGAIN && errno != EINTR)) break;
+        if (Clock::now() >= deadline) {
+            code = Err::kServiceRequestTimeout;
+            break;
+        }
+        ::poll(nullptr, 0, 5);
+    }
     // No socket (ENOENT), or one that nobody listens on any more (ECONNREFUSED), is a service
     // that does not run; a socket the caller may not use is a service it may not control.
     if (!connected && (errno == EACCES || errno == EPERM)) code = Err::kAccessDenied;
+    // The request is 8 bytes on a fresh connection: it always fits the socket's buffer.
     if (connected &&
         ::send(fd, &request, sizeof(request), MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof(request))) {
-        using Clock = std::chrono::steady_clock;
-        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
         auto* bytes = reinterpret_cast<char*>(&reply);
         size_t have = 0;
         while (have < sizeof(reply)) {
@@ -254,7 +316,7 @@ uint32_t CallEndpoint(const std::string& name, const EndpointRequest& request,
                 break;
             }
             const ssize_t got = ready < 0 ? -1 : ::recv(fd, bytes + have, sizeof(reply) - have, 0);
-            if (got < 0 && errno == EINTR) continue;
+            if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
             if (got <= 0) break;  // closed unanswered: the service has just stopped
             have += static_cast<size_t>(got);
         }

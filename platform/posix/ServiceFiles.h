@@ -8,6 +8,12 @@
 //   ROOT/run/orvanta/services/NAME.start    locked by a starter, so that starts go one at a time
 //   ROOT/var/log/orvanta/NAME.log           standard output and error of the service's process
 //
+// Who may touch them: every file here is made 0600 and opened without following a symbolic link,
+// whatever the umask; one found readable or writable by others is tightened when opened, so that
+// no other user can lock, fill or read it. The folders are 0755. The endpoint's socket is 0600 and
+// the dispatcher answers only callers of user 0 or of the service's own user (everybody else gets
+// 5, for queries too: other users may not learn the service's state either).
+//
 // The endpoint speaks one request and one reply per connection, both in host byte order (the two
 // ends are on one machine):
 //   request  8 bytes: op (1 control, 2 query), control code (0 for a query)
@@ -57,13 +63,24 @@ std::string FormatRecord(const ServiceRecord& record);
 // decimal that fits 32 bits, or when BinaryPath is missing or empty.
 bool ParseRecord(std::string_view text, ServiceRecord& record);
 
-// Reads NAME.conf: 0, 1060 when there is none, the code of a failed read, or 13
-// (ERROR_INVALID_DATA) when the file does not parse.
+// Reads NAME.conf, narrowing a record that others may read to 0600: 0, 1060 when there is none,
+// the code of a failed read, or 13 (ERROR_INVALID_DATA) when the file does not parse.
 uint32_t ReadRecord(const std::string& name, ServiceRecord& record);
 // Writes NAME.conf through a temporary file, so that no reader sees half a record. With
 // `createNew`, fails with 1073 when the record exists (two creators cannot both succeed);
 // otherwise replaces it. Returns 0 or a Windows code.
 uint32_t WriteRecord(const std::string& name, const ServiceRecord& record, bool createNew);
+
+// Opens `path` for writing (`append`) or for reading and writing, creating it 0600 when missing and
+// never through a symbolic link. A file found with any permission for group or others is set to
+// 0600, and one that belongs to neither root nor the caller is taken over when the caller is root.
+// Returns the descriptor, or -1 with the Windows code as last error (5 for a file the caller may
+// not open, 1920 (ERROR_CANT_ACCESS_FILE) for something that is not a plain file).
+int OpenPrivateFile(const std::string& path, bool append);
+
+// CreateDirectories, then takes write permission for group and others away from `path` when it has
+// it and the caller may change it. Returns 0 or a Windows code.
+uint32_t CreatePrivateFolder(const std::string& path);
 
 // True while a process holds NAME.lock, i.e. the service's process lives.
 bool InstanceAlive(const std::string& name);

@@ -41,10 +41,13 @@ void WriteAllOrNothing(int fd, const void* data, size_t size) {
 uint32_t LaunchService(const std::string& name, const std::string& binaryPath, int& pidfd) {
     pidfd = -1;
     const std::string logPath = LogPath(name);
-    if (const uint32_t code = CreateDirectories(SystemRoot() + "/var/log/orvanta");
+    if (const uint32_t code = CreatePrivateFolder(SystemRoot() + "/var/log/orvanta");
         code != Err::kSuccess) {
         return code;
     }
+    // Opened here, 0600 and never through a link (which the child could not do without
+    // allocating); close-on-exec, so only its copies on 1 and 2 reach the service.
+    const int out = OpenPrivateFile(logPath, true);
     // Everything the child needs is made here: between fork and exec of a threaded process only
     // async-signal-safe calls are allowed, which excludes allocating.
     const std::string serviceVariable = "VIGIL_SERVICE=" + name;
@@ -59,12 +62,17 @@ uint32_t LaunchService(const std::string& name, const std::string& binaryPath, i
     // `status` carries the grandchild's pid and then, only when exec fails, its errno. It is
     // close-on-exec, so a successful exec ends it with end-of-file.
     int status[2];
-    if (::pipe2(status, O_CLOEXEC) != 0) return SetLastErrorFromErrno(errno);
+    if (::pipe2(status, O_CLOEXEC) != 0) {
+        const uint32_t code = SetLastErrorFromErrno(errno);
+        if (out >= 0) ::close(out);
+        return code;
+    }
     const pid_t middle = ::fork();
     if (middle < 0) {
         const uint32_t code = SetLastErrorFromErrno(errno);
         ::close(status[0]);
         ::close(status[1]);
+        if (out >= 0) ::close(out);
         return code;
     }
     if (middle == 0) {
@@ -78,7 +86,6 @@ uint32_t LaunchService(const std::string& name, const std::string& binaryPath, i
             ::_exit(service < 0 ? 1 : 0);
         }
         const int in = ::open("/dev/null", O_RDONLY);
-        const int out = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         if (in >= 0) ::dup2(in, 0);
         if (out >= 0) {
             ::dup2(out, 1);
@@ -93,6 +100,7 @@ uint32_t LaunchService(const std::string& name, const std::string& binaryPath, i
         ::_exit(127);
     }
     ::close(status[1]);
+    if (out >= 0) ::close(out);
     int middleStatus = 0;
     while (::waitpid(middle, &middleStatus, 0) < 0 && errno == EINTR) {
     }

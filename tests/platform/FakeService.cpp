@@ -6,6 +6,8 @@
 //   hold-start   stays start-pending until ROOT/release exists
 //   hold-exit    after reporting stopped, ends only once ROOT/release exists
 //   hold-register  registers its handler only once ROOT/release exists
+//   chatter      once running, two threads each write FAKE_SERVICE_LINES lines
+//                "chatter T SEQ" padded to 100 bytes, one write() per line, then "chatter done"
 // Without VIGIL_SERVICE (not started by the manager) it writes "console CODE" and exits with 3.
 // Each event is one line on standard output, which the manager appends to the service's log:
 // "register PID", "control N", "overlap" (two handler calls at once), "exit PID".
@@ -93,6 +95,23 @@ uint32_t Handler(uint32_t control, uint32_t, void*, void*) {
     return result;
 }
 
+void Chatter() {
+    const char* given = std::getenv("FAKE_SERVICE_LINES");
+    const long lines = given != nullptr ? std::atol(given) : 0;
+    auto writeLines = [lines](int thread) {
+        for (long n = 0; n < lines; ++n) {
+            std::string line = "chatter " + std::to_string(thread) + " " + std::to_string(n) + " ";
+            line.resize(99, 'x');
+            line += '\n';
+            if (write(1, line.data(), line.size()) != static_cast<ssize_t>(line.size())) return;
+        }
+    };
+    std::thread other(writeLines, 1);
+    writeLines(0);
+    other.join();
+    Say("chatter done");
+}
+
 void ServiceMain(uint32_t, char16_t**) {
     if (mode == "hold-register") AwaitRelease();
     handle = Osb::RegisterServiceCtrlHandlerExW(u"fake", &Handler, nullptr);
@@ -108,6 +127,11 @@ void ServiceMain(uint32_t, char16_t**) {
                                     ? Osb::SERVICE_ACCEPT_STOP
                                     : Osb::SERVICE_ACCEPT_STOP | Osb::SERVICE_ACCEPT_PAUSE_CONTINUE;
     Report(Osb::SERVICE_RUNNING);
+    if (mode == "chatter") {
+        lock.unlock();
+        Chatter();
+        lock.lock();
+    }
     stopRequested.wait(lock, [] { return stopping; });
     status.dwCheckPoint = 0;
     Report(Osb::SERVICE_STOPPED);
