@@ -21,9 +21,10 @@
 // A kernel queue overflow ends no read and no handle. The changes the kernel kept are delivered;
 // then every entry of each folder on that queue (of its whole tree, for a subtree watch) is
 // reported once as created (1), so that the caller looks at all of it again; directories made
-// meanwhile are watched from then on. Folders are queued by their owner (the user owning the
-// opened folder), so a storm in one user's folders costs only the folders of that user, while
-// the owners past a fixed number share one queue.
+// meanwhile are watched from then on, and a folder found gone by that walk ends as above.
+// Folders are queued by their owner (the user owning the opened folder), so a storm in one user's
+// folders costs only the folders of that user, while the owners past a fixed number share one
+// queue.
 //
 // Changes reported (the filter of file names, directory names and attributes): a name created
 // (1), deleted (2), its attributes changed (3), renamed from (4) and to (5). A content write alone

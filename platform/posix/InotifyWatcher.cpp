@@ -98,7 +98,8 @@ void Watcher::dropQueue(InotifyQueue* q) {
     std::erase_if(rescans, [q](HDirectory h) { return h->queue == q; });
     ::epoll_ctl(epollFd, EPOLL_CTL_DEL, q->fd, nullptr);
     ::close(q->fd);  // takes its kernel watches with it
-    std::erase_if(queues, [q](const std::unique_ptr<InotifyQueue>& have) { return have.get() == q; });
+    std::erase_if(queues,
+                  [q](const std::unique_ptr<InotifyQueue>& have) { return have.get() == q; });
 }
 
 HDirectory Watcher::open(const std::string& root) {

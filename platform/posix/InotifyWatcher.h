@@ -79,9 +79,9 @@ struct Completion {
 // One inotify instance and the handles whose folders it watches.
 struct InotifyQueue {
     int fd = -1;
-    uint64_t tag = 0;      // names the queue to epoll; never reused
-    bool shared = false;   // the queue of the owners past kOwnerQueueLimit
-    uint32_t owner = 0;    // the owner's uid, when not shared
+    uint64_t tag = 0;     // names the queue to epoll; never reused
+    bool shared = false;  // the queue of the owners past kOwnerQueueLimit
+    uint32_t owner = 0;   // the owner's uid, when not shared
     std::vector<HDirectory> handles;
     std::unordered_map<int, std::vector<HDirectory>> subscribers;  // wd -> handles
 };
@@ -89,7 +89,7 @@ struct InotifyQueue {
 }  // namespace detail
 
 struct DirectoryHandleState {
-    std::string root;  // the folder, with no trailing '/'
+    std::string root;                       // the folder, with no trailing '/'
     detail::InotifyQueue* queue = nullptr;  // chosen at open by the folder's owner
     bool subtree = false;
     bool watching = false;  // kernel watches are set up (at the first read)

@@ -1,7 +1,7 @@
 // The built executable stopped (SIGSTOP) while a watched folder fills with more files than a
 // kernel queue holds, then continued: no name is lost and no folder falls silent.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -84,13 +84,18 @@ TEST(OverflowE2eTest, AServiceStoppedThroughAStormLosesNoNameAndNoFolderFallsSil
     vigil_client::AgentConnection second(u"storm");
     second.hello(MakeGuid(2), 1, 0);
     second.addFolders({false, true, false}, {otherFolder});
-    // Both watches are in place once a change of each has come through.
-    std::ofstream(stormFolder + "ready").close();
-    std::ofstream(otherFolder + "ready").close();
+    // A watch starts after the reply to AddFolders: it is in place once a file made after it has
+    // come through, so a new one is made at each look until one does.
     std::set<std::string> seen, otherSeen;
-    ASSERT_TRUE(CollectUntil(first, stormFolder, seen, [&] { return seen.contains("ready"); }));
+    int pokes = 0;
+    auto watching = [&](const std::string& folder, std::set<std::string>& names) {
+        std::ofstream(folder + "ready-" + std::to_string(pokes++)).close();
+        return !names.empty();
+    };
     ASSERT_TRUE(
-        CollectUntil(second, otherFolder, otherSeen, [&] { return otherSeen.contains("ready"); }));
+        CollectUntil(first, stormFolder, seen, [&] { return watching(stormFolder, seen); }));
+    ASSERT_TRUE(CollectUntil(second, otherFolder, otherSeen,
+                             [&] { return watching(otherFolder, otherSeen); }));
 
     agent.signal(SIGSTOP);
     std::set<std::string> made;
@@ -104,12 +109,14 @@ TEST(OverflowE2eTest, AServiceStoppedThroughAStormLosesNoNameAndNoFolderFallsSil
     agent.signal(SIGCONT);
 
     seen.clear();
-    EXPECT_TRUE(CollectUntil(first, stormFolder, seen, [&] {
-        for (const std::string& name : made) {
-            if (!seen.contains(name)) return false;
-        }
-        return true;
-    })) << seen.size() << " of the names came";
+    EXPECT_TRUE(CollectUntil(first, stormFolder, seen,
+                             [&] {
+                                 for (const std::string& name : made) {
+                                     if (!seen.contains(name)) return false;
+                                 }
+                                 return true;
+                             }))
+        << seen.size() << " of the names came";
 
     std::ofstream(stormFolder + "after").close();
     std::ofstream(otherFolder + "after").close();

@@ -1,7 +1,6 @@
 // Directory change notification when a kernel queue overflows, when the kernel refuses a watch
 // for want of room, and when folders of different owners share the service.
 #include <gtest/gtest.h>
-
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,8 +8,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <memory>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -40,7 +39,7 @@ size_t QueueLimit() {
 
 // Keeps the backend from draining its kernel queues for as long as it lives.
 class HeldQueues {
-public:
+  public:
     HeldQueues() { Osb::HoldChangeQueuesForTesting(true); }
     ~HeldQueues() { release(); }
     void release() {
@@ -48,7 +47,7 @@ public:
         held_ = false;
     }
 
-private:
+  private:
     bool held_ = true;
 };
 
@@ -92,7 +91,7 @@ std::vector<Change> ReadUntil(Watch& w, const std::set<Change>& expected, bool& 
 }
 
 class DirectoryChangesRecoveryTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         limit_ = QueueLimit();
         if (limit_ == 0 || limit_ > 200000) GTEST_SKIP() << "kernel queue limit unknown or huge";
@@ -152,8 +151,9 @@ TEST_F(DirectoryChangesRecoveryTest, SubtreeOverflowRewalksTheTreeAsItIsNow) {
     const size_t before = Osb::WatchedDirectoriesForTesting();
     Watch w(folder, true);
     ASSERT_TRUE(w.issue());
-    ASSERT_TRUE(vigil_test::PollUntil(
-        [&] { return Osb::WatchedDirectoriesForTesting() == before + 5; }, std::chrono::seconds(5)));
+    ASSERT_TRUE(
+        vigil_test::PollUntil([&] { return Osb::WatchedDirectoriesForTesting() == before + 5; },
+                              std::chrono::seconds(5)));
     {
         HeldQueues held;
         Storm(folder, limit_ + 100);
@@ -163,9 +163,9 @@ TEST_F(DirectoryChangesRecoveryTest, SubtreeOverflowRewalksTheTreeAsItIsNow) {
         fs::remove(folder + "/went");
         fs::rename(folder + "/moved", folder + "/renamed");
     }
-    const std::set<Change> rescan{{kAdded, "kept"},        {kAdded, "kept/deep"},
-                                  {kAdded, "kept/deep/older"}, {kAdded, "late"},
-                                  {kAdded, "late/made"},   {kAdded, "renamed"}};
+    const std::set<Change> rescan{
+        {kAdded, "kept"}, {kAdded, "kept/deep"}, {kAdded, "kept/deep/older"},
+        {kAdded, "late"}, {kAdded, "late/made"}, {kAdded, "renamed"}};
     ASSERT_TRUE(w.wait(20000));
     ASSERT_GT(w.bytes(), 0u) << "the read ended with error " << w.error();
     std::set<Change> missing = rescan;
@@ -184,7 +184,8 @@ TEST_F(DirectoryChangesRecoveryTest, SubtreeOverflowRewalksTheTreeAsItIsNow) {
     Touch(folder + "/renamed/after");
     const std::set<Change> later{{kAdded, "late/after"}, {kAdded, "renamed/after"}};
     std::vector<Change> seen = ReadUntil(w, later, ended);
-    for (const Change& c : later) EXPECT_TRUE(std::count(seen.begin(), seen.end(), c) > 0) << c.name;
+    for (const Change& c : later)
+        EXPECT_TRUE(std::count(seen.begin(), seen.end(), c) > 0) << c.name;
 }
 
 // Folders of one owner share a kernel queue, folders of two owners do not: a storm in one
@@ -228,7 +229,8 @@ TEST_F(DirectoryChangesRecoveryTest, AStormStaysWithTheQueueOfItsFoldersOwner) {
         ASSERT_GT(calm.bytes(), 0u) << "the read ended with error " << calm.error();
         std::vector<Change> calmSeen = calm.decode();
         Touch(quiet + "/two");
-        for (const Change& seen : ReadUntil(calm, {{kAdded, "two"}}, ended)) calmSeen.push_back(seen);
+        for (const Change& seen : ReadUntil(calm, {{kAdded, "two"}}, ended))
+            calmSeen.push_back(seen);
         EXPECT_FALSE(ended);
         EXPECT_TRUE(std::count(calmSeen.begin(), calmSeen.end(), Change{kAdded, "one"}) > 0);
         EXPECT_TRUE(std::count(calmSeen.begin(), calmSeen.end(), Change{kAdded, "two"}) > 0);

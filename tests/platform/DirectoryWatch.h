@@ -21,7 +21,9 @@ namespace vigil_test {
 struct Change {
     uint32_t action;
     std::string name;
-    bool operator<(const Change& o) const { return std::tie(action, name) < std::tie(o.action, o.name); }
+    bool operator<(const Change& o) const {
+        return std::tie(action, name) < std::tie(o.action, o.name);
+    }
     bool operator==(const Change& o) const = default;
 };
 
@@ -29,7 +31,7 @@ inline void PrintTo(const Change& c, std::ostream* os) { *os << c.action << ":" 
 
 // One watched folder read from this thread; completions arrive in its alertable waits.
 class Watch {
-public:
+  public:
     Watch(const std::string& folder, bool subtree, uint32_t bufferBytes = 65536)
         : subtree_(subtree), buffer_(bufferBytes) {
         handle_ = Osb::OpenDirectoryForWatch(Osb::Utf8ToUtf16(folder));
@@ -43,8 +45,9 @@ public:
     bool issue() {
         done_ = false;
         outstanding_ = true;
-        return outstanding_ = Osb::ReadDirectoryChanges(handle_, buffer_.data(), static_cast<uint32_t>(buffer_.size()),
-                                         subtree_, &overlapped_, &Watch::onCompletion);
+        return outstanding_ = Osb::ReadDirectoryChanges(
+                   handle_, buffer_.data(), static_cast<uint32_t>(buffer_.size()), subtree_,
+                   &overlapped_, &Watch::onCompletion);
     }
     // Waits up to `ms` for the outstanding read's completion.
     bool wait(int ms = 10000) {
@@ -83,7 +86,8 @@ public:
             Osb::FileNotifyInformation record;
             std::memcpy(&record, buffer_.data() + at, Osb::kFileNotifyHeaderBytes);
             std::u16string name(record.fileNameLength / 2, u'\0');
-            std::memcpy(name.data(), buffer_.data() + at + Osb::kFileNotifyHeaderBytes, record.fileNameLength);
+            std::memcpy(name.data(), buffer_.data() + at + Osb::kFileNotifyHeaderBytes,
+                        record.fileNameLength);
             out.push_back({record.action, Osb::Utf16ToUtf8(name)});
             if (record.nextEntryOffset == 0) break;
             at += record.nextEntryOffset;
@@ -100,7 +104,7 @@ public:
     uint32_t bytes() const { return bytes_; }
     Osb::HDirectory handle() const { return handle_; }
 
-private:
+  private:
     static void onCompletion(uint32_t error, uint32_t bytes, Osb::DirectoryOverlapped* o) {
         auto* self = static_cast<Watch*>(o->context);
         self->error_ = error;

@@ -196,6 +196,46 @@ TEST_F(WatchFolderDatabaseTest, GetFoldersForgetsAMissingFolderAndTheCacheFollow
     EXPECT_EQ(folders(reopened, kOne).size(), 1u);
 }
 
+// What a reply carries: the client's folders in their order, then the folders that went, whose
+// names stay until collected; a folder the client removes takes its names along, and a batch for
+// a folder the client no longer has leaves nothing behind.
+TEST_F(WatchFolderDatabaseTest, NamesOfAFolderThatWentWaitForCollectionAndRemovedOnesGoAlong) {
+    using Vigil::Watch::PendingRecord;
+    const std::u16string a = folder("a"), b = folder("b");
+    auto send = [&](bool clear) {
+        std::vector<PendingRecord> records;
+        database_.changesToSend(kOne, clear, records);
+        std::vector<std::pair<std::u16string, Names>> result;
+        for (PendingRecord& record : records) result.emplace_back(record.folder, record.names);
+        return result;
+    };
+    using Reply = std::vector<std::pair<std::u16string, Names>>;
+    database_.addFolders(kOne, {{a, {0, 1, 0, 0}}, {b, {0, 1, 0, 0}}});
+    database_.addChanges(kOne, a, {u"x"});
+    database_.addChanges(kOne, b, {u"y"});
+    database_.folderGone(kOne, a);
+    ASSERT_EQ(folders(database_, kOne).size(), 1u);
+    const Reply both{{b, {u"y"}}, {a, {u"x"}}};
+    EXPECT_EQ(send(false), both);
+    EXPECT_EQ(send(false), both);  // two steps: still there until confirmed
+    database_.removeChanges(kOne, a, {u"x"});
+    EXPECT_EQ(send(false), (Reply{{b, {u"y"}}}));
+
+    database_.addFolders(kOne, {{a, {0, 1, 0, 0}}});
+    database_.addChanges(kOne, a, {u"z"});
+    database_.folderGone(kOne, a);
+    EXPECT_EQ(send(true), (Reply{{b, {u"y"}}, {a, {u"z"}}}));
+    EXPECT_EQ(send(true), Reply{});
+    database_.addWatchChanges(kOne, a, {u"late"});  // a's watch is over: nothing stays
+    database_.addFolders(kOne, {{a, {0, 1, 0, 0}}});
+    EXPECT_EQ(send(false), Reply{});
+
+    database_.addChanges(kOne, b, {u"w"});
+    database_.removeFolders(kOne, {{b, {}}});
+    database_.addFolders(kOne, {{b, {0, 1, 0, 0}}});
+    EXPECT_EQ(send(false), Reply{});
+}
+
 TEST_F(WatchFolderDatabaseTest, AFailedStartLeavesTheOtherWatchesWorking) {
     const std::u16string good = folder("good");
     database_.addFolders(kOne, {{u"/no/such/folder/", {0, 1, 0, 0}}, {good, {0, 1, 0, 0}}});
