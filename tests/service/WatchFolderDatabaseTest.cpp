@@ -200,16 +200,21 @@ TEST_F(WatchFolderDatabaseTest, GetFoldersForgetsAMissingFolderAndTheCacheFollow
 // names stay until collected; a folder the client removes takes its names along, and a batch for
 // a folder the client no longer has leaves nothing behind.
 TEST_F(WatchFolderDatabaseTest, NamesOfAFolderThatWentWaitForCollectionAndRemovedOnesGoAlong) {
-    using Vigil::Watch::PendingRecord;
     const std::u16string a = folder("a"), b = folder("b");
+    using Reply = std::vector<std::pair<std::u16string, Names>>;
+    // As a GetChanges reply asks: the listed folders, then those that went.
     auto send = [&](bool clear) {
-        std::vector<PendingRecord> records;
-        database_.changesToSend(kOne, clear, records);
-        std::vector<std::pair<std::u16string, Names>> result;
-        for (PendingRecord& record : records) result.emplace_back(record.folder, record.names);
+        std::vector<std::u16string> paths;
+        for (const auto& listed : folders(database_, kOne)) paths.push_back(listed.path);
+        database_.goneFolders(kOne, paths);
+        Reply result;
+        for (const std::u16string& path : paths) {
+            Names names;
+            database_.getChanges(kOne, path, names, clear);
+            if (!names.empty()) result.emplace_back(path, names);
+        }
         return result;
     };
-    using Reply = std::vector<std::pair<std::u16string, Names>>;
     database_.addFolders(kOne, {{a, {0, 1, 0, 0}}, {b, {0, 1, 0, 0}}});
     database_.addChanges(kOne, a, {u"x"});
     database_.addChanges(kOne, b, {u"y"});
