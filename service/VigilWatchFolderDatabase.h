@@ -52,6 +52,7 @@ struct PendingRecord {
     // Kept once a client that does not see everything has asked for the record's directories
     // (pendingDirectories), so that its later requests need not look at every name: every
     // directory (DirectoryOf) that holds a name on the list, and after removals maybe more.
+    // Guarded, like the rest of the record, by the database lock.
     bool filed = false;
     DirectorySet directories;
 };
