@@ -1,7 +1,6 @@
 // Directory change notification when a kernel queue overflows, when the kernel refuses a watch
 // for want of room, and when folders of different owners share the service.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include "tests/platform/DirectoryWatch.h"
 #include "tests/support/PollUntil.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/WatchLimit.h"
 
 namespace {
 
@@ -286,13 +286,8 @@ TEST_F(DirectoryChangesRecoveryTest, AWatchRefusedForWantOfRoomIsAFailureAndTheW
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        if (::unshare(CLONE_NEWUSER) != 0) _exit(100);
-        {
-            std::ofstream limit("/proc/sys/user/max_inotify_watches");
-            limit << 2;  // the folder and inside
-            limit.close();
-            if (!limit) _exit(100);
-        }
+        // Room for two watches: the folder and inside.
+        if (!vigil_test::LowerWatchLimitInOwnNamespace(2)) _exit(100);
         Watch w(folder, true);
         if (!w.opened() || !w.issue()) _exit(2);
         fs::create_directories(folder + "/refused/below");

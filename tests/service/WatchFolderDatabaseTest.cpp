@@ -2,7 +2,6 @@
 // its watch thread's failures and its close; and the decoding of a notification buffer.
 #include <gtest/gtest.h>
 
-#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include "service/VigilWatchFolderDatabase.h"
 #include "service/VigilWatchOnChanges.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/WatchLimit.h"
 #include "tests/support/PollUntil.h"
 
 namespace {
@@ -286,13 +286,8 @@ TEST(WatchFolderDatabaseLimitTest, AWatchRefusedForWantOfRoomLeavesTheFolderWatc
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        if (::unshare(CLONE_NEWUSER) != 0) _exit(100);
-        {
-            std::ofstream limit("/proc/sys/user/max_inotify_watches");
-            limit << 2;  // the folder and inside
-            limit.close();
-            if (!limit) _exit(100);
-        }
+        // Room for two watches: the folder and inside.
+        if (!vigil_test::LowerWatchLimitInOwnNamespace(2)) _exit(100);
         Database database;
         database.open(Osb::Utf8ToUtf16(root / "data/"));
         database.addFolders(kOne, {{tree, {1, 1, 0, 0}}});
