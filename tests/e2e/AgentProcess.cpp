@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,8 +17,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-pid_t Spawn(const std::string& program, const std::vector<std::string>& args, int& outFd,
-            int& errFd) {
+pid_t Spawn(const std::string& program, const std::vector<std::string>& args, unsigned openFiles,
+            int& outFd, int& errFd) {
     int out[2];
     int err[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return -1;
@@ -25,6 +26,10 @@ pid_t Spawn(const std::string& program, const std::vector<std::string>& args, in
     if (pid == 0) {
         dup2(out[1], 1);
         dup2(err[1], 2);
+        if (openFiles != 0) {
+            const rlimit limit{openFiles, openFiles};
+            if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
+        }
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(program.c_str()));
         for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -71,8 +76,9 @@ Finished RunAgent(const std::vector<std::string>& args, int timeoutMs, const std
     return agent.wait(timeoutMs);
 }
 
-RunningAgent::RunningAgent(const std::vector<std::string>& args, const std::string& program) {
-    pid_ = Spawn(program, args, outFd_, errFd_);
+RunningAgent::RunningAgent(const std::vector<std::string>& args, const std::string& program,
+                           unsigned openFiles) {
+    pid_ = Spawn(program, args, openFiles, outFd_, errFd_);
     if (pid_ < 0) ADD_FAILURE() << "cannot start " << program;
 }
 
