@@ -24,6 +24,9 @@ public:
     bool readExact(void* data, size_t bytes);
     // Waits until data can be read (or the server has closed): true, or false after `timeoutMs`.
     virtual bool waitReadable(int timeoutMs) = 0;
+    // Ends the sending side only: the server reads the end, and what it still sends can be read
+    // (until it closes in turn, when a read returns 0).
+    virtual void closeSending() = 0;
     // Ends the connection.
     virtual void close() = 0;
 };

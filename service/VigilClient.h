@@ -5,23 +5,38 @@
 // close. Each open read or write holds a soft reference through its notification, and onData holds
 // one for each message it dispatches, so a Client outlives its table entry while I/O on it is open.
 //
-// Threads: a Client has no thread of its own. onData runs on a platform delivery thread, one call
-// at a time per connection; everything a message causes (dispatch, handler, reply write) runs
-// inside that call.
+// Threads: a Client has no thread of its own. onData and the write completions run on the
+// connection's platform delivery thread, one call at a time; everything a message causes
+// (dispatch, handler, reply write) runs inside that call.
+//
+// A connection always ends: the end of the peer, a failed read or the first failed write closes
+// the device (its queued replies are cancelled and freed) and takes the client out of the table.
+//
+// Back-pressure: replies handed to the connection and not yet written count as unsent. While they
+// pass kMaxUnsentReplyBytes no further message is dispatched and no read is open; the bytes
+// already read wait in the Client, and taking in goes on, in order, once the peer has read enough.
+// A reply is always queued whole, whatever its size, so a client that never reads costs at most
+// the bound plus one reply.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "platform/IoDevice.h"
 #include "platform/IoRequest.h"
 #include "platform/Mutex.h"
 #include "platform/PeerIdentity.h"
 #include "platform/SmartPointer.h"
+#include "service/VigilClientTable.h"
 #include "service/VigilReceive.h"
 #include "service/VigilWatchTypes.h"
 
 namespace Vigil {
+
+// Unsent reply bytes above which a client is not read from (see the head of this file).
+constexpr uint64_t kMaxUnsentReplyBytes = 256 * 1024;
 
 class Client : public Osb::SmartPointerBaseTwo {
   public:
@@ -41,13 +56,21 @@ class Client : public Osb::SmartPointerBaseTwo {
 
     // Issues the next read of up to 4096 bytes. One read is open per connection at a time.
     void startRead();
-    // Takes in the bytes of one completed read: waits while the service is paused, opens the next
-    // read, then cuts and dispatches every whole message under `mutex`.
+    // Takes in the bytes of one completed read: waits while the service is paused, then cuts and
+    // dispatches every whole message under `mutex`, and opens the next read unless the unsent
+    // replies pass the bound (then the rest waits for onWritten).
     void onData(uint32_t bytes, const uint8_t* data);
-    // The peer has closed: the table entry goes, the watch data of the GUID stay.
+    // The connection has ended (the peer closed, or a read or write failed): the table entry goes
+    // and the disconnect is traced, once however often this is called, and the device is closed.
+    // The watch data of the GUID stay.
     void onClosed();
     // Hands a filled reply to the connection. Replies go out whole and in call order.
     void send(const Osb::SmartPointer<Osb::IoRequest>& request);
+    // A reply of `bytes` handed to the connection has ended (written, failed or cancelled). Takes
+    // in what waits once the unsent replies are back within the bound. Delivery thread only.
+    void onWritten(uint32_t bytes);
+    // Reply bytes handed to the connection and not yet written.
+    uint64_t unsentBytes() const { return unsent_.load(); }
 
     // Replaces the connection as the receiver of replies, for driving a Client without a socket.
     void setSendHookForTesting(std::function<void(const Osb::SmartPointer<Osb::IoRequest>&)> hook) {
@@ -77,8 +100,25 @@ class Client : public Osb::SmartPointerBaseTwo {
   private:
     Client(const Osb::SmartPointer<Osb::IoDevice>& device, const Osb::PeerIdentity& user);
 
+    // Dispatches what `data` completes while within the bound, then opens the next read, or
+    // keeps the rest in held_ and parks.
+    void takeIn(const uint8_t* data, uint32_t bytes) OSB_REQUIRES(mutex);
+    bool overBound() const { return unsentBytes() > kMaxUnsentReplyBytes; }
+
     const Osb::SmartPointer<Osb::IoDevice> device_;
     ReceiveBuffer receive_ OSB_GUARDED_BY(mutex);
+    // Bytes of the last read not yet taken in; filled only while parked_.
+    std::vector<uint8_t> held_ OSB_GUARDED_BY(mutex);
+    // Atomic: raised by the device's sends and lowered by its write completions; read by both.
+    // With parked_ it forms a handshake (a store to one, then a load of the other, on each side),
+    // so both stay sequentially consistent.
+    std::atomic<uint64_t> unsent_{0};
+    // Atomic: set under `mutex` when taking in stops at the bound, claimed (exchanged to false) by
+    // whoever takes in again, so exactly one does.
+    std::atomic<bool> parked_{false};
+    // Atomic: set once by onClosed; a parked client that has ended takes nothing in.
+    std::atomic<bool> ended_{false};
+    bool left_ OSB_GUARDED_BY(clientTableMutex) = false;  // the table entry is gone, traced
     std::function<void(const Osb::SmartPointer<Osb::IoRequest>&)> sendHook_;
 };
 

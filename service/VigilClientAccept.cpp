@@ -20,9 +20,11 @@ void ClientAccept::accepted(const Osb::SmartPointer<Osb::IoDevice>& device) {
         return;
     }
     Osb::SmartPointer<Client> client = Client::create(device);
-    client->startRead();
+    // Traced before the first read opens: its end may come at once, and its disconnect trace
+    // must follow this one.
     std::printf("- Client Connect : %d\n", static_cast<int>(client->id));
     std::fflush(stdout);
+    client->startRead();
 }
 
 }  // namespace Vigil

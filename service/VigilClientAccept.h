@@ -8,7 +8,7 @@ namespace Vigil {
 class ClientAccept : public Osb::IoNotifyPipeAccept {
   public:
     ~ClientAccept() override = default;
-    // Makes the Client, enters it in the table, opens its first read and writes the connect trace.
+    // Makes the Client, enters it in the table, writes the connect trace and opens its first read.
     // A user other than 0 and the service's own that already holds kMaxClientsPerUser connections
     // is refused: the connection is closed at once (the client reads its end) and a trace says so.
     // A full table raises Osb::ExLookupTableFull into the platform, which drops the connection.

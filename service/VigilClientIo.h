@@ -17,7 +17,7 @@ class ClientRead : public Osb::IoNotify {
     // bytes go to Client::onData. Ignored once the soft reference is gone.
     void completed(const Osb::SmartPointer<Osb::IoRequest>& request, uint32_t bytes) override;
     void cancelled(const Osb::SmartPointer<Osb::IoRequest>& request) override;
-    // Logs the failure; no new read is issued and the client stays in the table.
+    // Logs the failure and ends the connection (Client::onClosed).
     void failed(const Osb::SmartPointer<Osb::IoRequest>& request,
                 const Osb::ExSystem& error) override;
 
@@ -30,9 +30,10 @@ class ClientWrite : public Osb::IoNotify {
     explicit ClientWrite(const ClientSoftRef& client) : client_(client) {}
     ~ClientWrite() override = default;
 
+    // Each of the three ends the reply's count as unsent (Client::onWritten).
     void completed(const Osb::SmartPointer<Osb::IoRequest>& request, uint32_t bytes) override;
     void cancelled(const Osb::SmartPointer<Osb::IoRequest>& request) override;
-    // Logs the failure; the read side goes on.
+    // Logs the failure and ends the connection (Client::onClosed): the platform has closed it.
     void failed(const Osb::SmartPointer<Osb::IoRequest>& request,
                 const Osb::ExSystem& error) override;
 

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "service/VigilProtocol.h"
 
@@ -28,21 +29,28 @@ struct ReceiveBuffer {
 // Appends `bytes` bytes at `data` and calls dispatch(message, available) for each message cut,
 // where `message` points at its header and `available` (at least 16) is the number of its bytes
 // present: its whole total, or less for an announced total of 16384 or more. A message is consumed
-// even when dispatch raises; the exception then leaves ReceiveBytes with the rest unprocessed but
-// safely buffered.
-template <typename Dispatcher>
-void ReceiveBytes(ReceiveBuffer& rx, const uint8_t* data, uint32_t bytes, Dispatcher&& dispatch) {
+// even when dispatch raises; the exception then leaves with the rest unprocessed but safely
+// buffered.
+//
+// Before each dispatch ready() is asked; when it says no, the message stays at the front of the
+// buffer and the call returns the number of bytes of `data` taken in so far: the caller keeps the
+// rest and hands it back (or 0 bytes, to go on with what is buffered) once ready() would say yes.
+// Otherwise the result is `bytes`.
+template <typename Ready, typename Dispatcher>
+uint32_t ReceiveBytesWhile(ReceiveBuffer& rx, const uint8_t* data, uint32_t bytes, Ready&& ready,
+                           Dispatcher&& dispatch) {
     constexpr uint32_t kCapacity = Protocol::kMaxRequestBytes;
-    while (bytes > 0) {
-        uint32_t piece = std::min(bytes, kCapacity - rx.buffered);
-        std::memcpy(rx.buffer + rx.buffered, data, piece);
+    uint32_t taken = 0;
+    do {
+        uint32_t piece = std::min(bytes - taken, kCapacity - rx.buffered);
+        if (piece > 0) std::memcpy(rx.buffer + rx.buffered, data + taken, piece);
         rx.buffered += piece;
-        data += piece;
-        bytes -= piece;
+        taken += piece;
 
         while (rx.buffered >= Protocol::kHeaderBytes) {
             uint64_t total = uint64_t{Protocol::Load32(rx.buffer + 4)} + Protocol::kHeaderBytes;
             if (total > rx.buffered && total < kCapacity) break;  // awaiting the rest
+            if (!ready()) return taken;
 
             uint32_t available = total < rx.buffered ? static_cast<uint32_t>(total) : rx.buffered;
             // A guard consumes the message after dispatch, also when dispatch raises, so the loop
@@ -61,7 +69,14 @@ void ReceiveBytes(ReceiveBuffer& rx, const uint8_t* data, uint32_t bytes, Dispat
             } consume{rx, available};
             dispatch(static_cast<const uint8_t*>(rx.buffer), available);
         }
-    }
+    } while (taken < bytes);
+    return taken;
+}
+
+// ReceiveBytesWhile that is always ready: every byte is taken in.
+template <typename Dispatcher>
+void ReceiveBytes(ReceiveBuffer& rx, const uint8_t* data, uint32_t bytes, Dispatcher&& dispatch) {
+    ReceiveBytesWhile(rx, data, bytes, [] { return true; }, std::forward<Dispatcher>(dispatch));
 }
 
 }  // namespace Vigil

@@ -1,6 +1,9 @@
 #include "platform/posix/IoContext.h"
 
 #include <boost/asio/error.hpp>
+#include <boost/asio/post.hpp>
+
+#include "platform/IoNotify.h"
 
 #include "platform/ErrorCode.h"
 
@@ -10,13 +13,34 @@ DeviceState::DeviceState(std::shared_ptr<Backend> owner, Socket s)
     : backend(std::move(owner)), executor(s.get_executor()), socket(std::move(s)) {}
 
 void DeviceState::close() {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (closed) return;
-    closed = true;
-    boost::system::error_code ignored;
-    // shutdown first: a peer blocked in a read sees the end at once, whatever holds the fd.
-    socket.shutdown(Socket::shutdown_both, ignored);
-    socket.close(ignored);
+    std::deque<SmartPointer<IoRequest>> unstarted;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (closed) return;
+        closed = true;
+        boost::system::error_code ignored;
+        // shutdown first: a peer blocked in a read sees the end at once, whatever holds the fd.
+        socket.shutdown(Socket::shutdown_both, ignored);
+        socket.close(ignored);
+        // The front stays while it is being written: its completion (cancelled by the close) pops
+        // it. Everything behind it would never go out.
+        auto first = writes.begin() + (writing && !writes.empty() ? 1 : 0);
+        unstarted.assign(std::make_move_iterator(first), std::make_move_iterator(writes.end()));
+        writes.erase(first, writes.end());
+    }
+    if (!unstarted.empty()) {
+        // The handler holds only the requests, never this state: a handler left in a stopped
+        // io_context must not keep its owner alive.
+        asio::post(executor, [unstarted = std::move(unstarted)] {
+            for (const SmartPointer<IoRequest>& request : unstarted) {
+                try {
+                    request->notify()->cancelled(request);
+                } catch (...) {
+                }
+            }
+        });
+    }
+    backend->descriptorFreed();
 }
 
 Backend::Backend(unsigned deliveryThreads) {
@@ -55,6 +79,16 @@ void Backend::shutdown() {
     for (WorkGuard& guard : work_) guard.reset();
     for (std::thread& t : threads_) t.join();
     threads_.clear();
+}
+
+void Backend::descriptorFreed() {
+    if (acceptWaiting_.load() == 0) return;
+    asio::post(accept_, [weak = weak_from_this()] {
+        std::shared_ptr<Backend> self = weak.lock();
+        if (!self) return;
+        std::lock_guard<std::mutex> lock(self->registryMutex_);
+        for (ServerState* server : self->servers_) WakeServer(server);
+    });
 }
 
 void Backend::add(DeviceState* device) {

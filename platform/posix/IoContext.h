@@ -38,6 +38,10 @@ class Backend;
 // The state of one connection. `mutex` guards every use of the socket object and the write queue;
 // it is never held while a notification runs. Completions run on the one thread of the socket's
 // io_context.
+//
+// A connection always ends: a failed write closes it (the peer is gone or the socket is broken, and
+// nothing queued behind it could be delivered), and a close cancels every queued write at once, so
+// their buffers are freed without waiting for the socket.
 struct DeviceState {
     DeviceState(std::shared_ptr<Backend> owner, Socket s);
 
@@ -49,6 +53,9 @@ struct DeviceState {
     std::deque<SmartPointer<IoRequest>> writes;  // guarded by mutex; in call order
     bool writing = false;                        // guarded by mutex; the front is being written
 
+    // Shuts the socket down and closes it, and cancels the queued writes that have not started
+    // (the one being written ends as cancelled through the socket's close). Tells the backend that
+    // a descriptor is free. Idempotent.
     void close();
 };
 
@@ -68,8 +75,15 @@ class Backend : public std::enable_shared_from_this<Backend> {
     asio::io_context& nextDelivery();
     asio::io_context& accepting() { return accept_; }
 
+    // A connection's descriptor was closed: a server that stopped accepting for want of
+    // descriptors tries again at once. Cheap when no server waits. Any thread; no lock held.
+    void descriptorFreed();
+    // Counts the servers that wait for a descriptor (IoDevicePipeServer.cpp), so descriptorFreed
+    // wakes the accept thread only when one does.
+    void acceptWaits(bool waiting) { acceptWaiting_.fetch_add(waiting ? 1 : -1); }
+
     // Registration of live objects, so that shutdown can close them. Lock order: registryMutex_
-    // before a DeviceState's mutex.
+    // before a DeviceState's mutex, and before a ServerState's mutex.
     void add(DeviceState* device);
     void remove(DeviceState* device);
     void add(ServerState* server);
@@ -79,6 +93,7 @@ class Backend : public std::enable_shared_from_this<Backend> {
     using WorkGuard = asio::executor_work_guard<asio::io_context::executor_type>;
     std::vector<std::unique_ptr<asio::io_context>> delivery_;  // fixed at construction
     std::atomic<unsigned> nextDelivery_{0};
+    std::atomic<int> acceptWaiting_{0};  // atomic: read by every closing connection's thread
     asio::io_context accept_{1};
     std::vector<WorkGuard> work_;       // owned by the threads calling start and shutdown
     std::vector<std::thread> threads_;  // owned and joined by the thread calling shutdown
@@ -89,6 +104,9 @@ class Backend : public std::enable_shared_from_this<Backend> {
 
 // Closes a pipe server's listening socket (IoDevicePipeServer.cpp).
 void CloseServer(ServerState* server);
+// Ends a pipe server's wait for a free descriptor, if it waits (IoDevicePipeServer.cpp). Runs on
+// the accept thread.
+void WakeServer(ServerState* server);
 
 // The backend in force between PlatformInit and PlatformUninit, or null.
 std::shared_ptr<Backend> CurrentBackend();

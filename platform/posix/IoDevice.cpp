@@ -52,6 +52,9 @@ void OnWritten(const std::shared_ptr<DeviceState>& state, const boost::system::e
         Notify([&] { request->notify()->cancelled(request); });
     } else {
         ExSystem error(posix::ErrorFromAsio(ec), OSB_HERE);
+        // Nothing queued behind a failed write can reach the peer: the connection ends here, and
+        // the queued writes are cancelled with it.
+        state->close();
         Notify([&] { request->notify()->failed(request, error); });
     }
     StartNextWrite(state);

@@ -5,8 +5,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "platform/ErrorCode.h"
@@ -20,7 +23,12 @@ namespace Osb {
 namespace posix {
 
 // The listening side. Accept completions run on the backend's accept thread only. `mutex` guards
-// the acceptor and `closed`; it is not held while accepted() runs.
+// the acceptor, the retry timer, `closed` and `waiting`; it is not held while accepted() runs.
+//
+// When the process is out of descriptors (or the kernel out of memory for one), accepting again
+// at once would fail again at once: the server waits instead, on a timer that starts short and
+// doubles up to kMaxBackoff, and the close of any connection ends the wait early. The connections
+// that arrive meanwhile wait in the listen backlog.
 class ServerState : public std::enable_shared_from_this<ServerState> {
   public:
     ServerState(std::shared_ptr<Backend> owner, SmartPointer<IoNotifyPipeAccept> notify,
@@ -28,25 +36,39 @@ class ServerState : public std::enable_shared_from_this<ServerState> {
         : backend_(std::move(owner)),
           notify_(std::move(notify)),
           path_(std::move(path)),
-          acceptor_(backend_->accepting()) {}
+          acceptor_(backend_->accepting()),
+          retry_(backend_->accepting()) {}
 
     ~ServerState() { backend_->remove(this); }
 
     uint32_t listen();
     void acceptNext();
     void close();
+    // Ends a wait for a descriptor at once; nothing when the server does not wait.
+    void wake();
 
   private:
+    static constexpr std::chrono::milliseconds kFirstBackoff{1};
+    static constexpr std::chrono::milliseconds kMaxBackoff{100};
+
+    void onAccepted(const boost::system::error_code& ec, Socket socket);
+    void waitForDescriptor();
+    void stopWaiting();  // requires mutex_
+
     std::shared_ptr<Backend> backend_;
     SmartPointer<IoNotifyPipeAccept> notify_;
     std::string path_;
     std::mutex mutex_;
     asio::local::stream_protocol::acceptor acceptor_;  // guarded by mutex_
+    asio::steady_timer retry_;                         // guarded by mutex_
     bool closed_ = false;                              // guarded by mutex_
+    bool waiting_ = false;                             // guarded by mutex_; counted by backend_
+    std::chrono::milliseconds backoff_ = kFirstBackoff;  // owned by the accept thread
     ino_t inode_ = 0;                                  // of our socket file, set by listen()
 };
 
 void CloseServer(ServerState* server) { server->close(); }
+void WakeServer(ServerState* server) { server->wake(); }
 
 namespace {
 
@@ -93,30 +115,70 @@ uint32_t ServerState::listen() {
 void ServerState::acceptNext() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return;
-    auto self = shared_from_this();
-    acceptor_.async_accept(
-        backend_->nextDelivery(), [self](const boost::system::error_code& ec, Socket socket) {
-            if (ec == asio::error::operation_aborted) return;
-            if (!ec) {
-                auto impl = std::make_unique<IoDevice::Impl>();
-                impl->peer = SocketPeerIdentity(socket.native_handle());
-                impl->state = std::make_shared<DeviceState>(self->backend_, std::move(socket));
-                SmartPointer<IoDevice> device(new IoDevice(std::move(impl)));
-                try {
-                    self->notify_->accepted(device);
-                } catch (...) {
-                    // Refused (a full client table, say): the device goes with the last reference.
-                }
-            }
-            // On a failed accept (out of descriptors, say) the server goes on with the next one.
-            self->acceptNext();
-        });
+    acceptor_.async_accept(backend_->nextDelivery(),
+                           [self = shared_from_this()](const boost::system::error_code& ec,
+                                                       Socket socket) {
+                               self->onAccepted(ec, std::move(socket));
+                           });
+}
+
+void ServerState::onAccepted(const boost::system::error_code& ec, Socket socket) {
+    if (ec == asio::error::operation_aborted) return;
+    if (ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space ||
+        ec == asio::error::no_memory || ec.value() == ENFILE) {
+        waitForDescriptor();
+        return;
+    }
+    if (!ec) {
+        backoff_ = kFirstBackoff;
+        auto impl = std::make_unique<IoDevice::Impl>();
+        impl->peer = SocketPeerIdentity(socket.native_handle());
+        impl->state = std::make_shared<DeviceState>(backend_, std::move(socket));
+        SmartPointer<IoDevice> device(new IoDevice(std::move(impl)));
+        try {
+            notify_->accepted(device);
+        } catch (...) {
+            // Refused (a full client table, say): the device goes with the last reference.
+        }
+    }
+    // Any other failure concerns that one connection (it was aborted by its peer, say).
+    acceptNext();
+}
+
+void ServerState::waitForDescriptor() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return;
+    waiting_ = true;
+    backend_->acceptWaits(true);
+    retry_.expires_after(backoff_);
+    backoff_ = std::min(backoff_ * 2, kMaxBackoff);
+    // Runs when the time is up, and also (as cancelled) when wake() or close() ends the wait.
+    retry_.async_wait([self = shared_from_this()](const boost::system::error_code&) {
+        {
+            std::lock_guard<std::mutex> relock(self->mutex_);
+            self->stopWaiting();
+        }
+        self->acceptNext();
+    });
+}
+
+void ServerState::stopWaiting() {
+    if (!waiting_) return;
+    waiting_ = false;
+    backend_->acceptWaits(false);
+}
+
+void ServerState::wake() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (waiting_) retry_.cancel();
 }
 
 void ServerState::close() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return;
     closed_ = true;
+    stopWaiting();
+    retry_.cancel();
     boost::system::error_code ignored;
     acceptor_.close(ignored);
     // Remove the socket file only while it is still ours: a later instance may have replaced it.

@@ -53,6 +53,12 @@ class SocketPipeClient : public PipeClient {
         }
     }
 
+    void closeSending() override {
+        if (fd_ >= 0 && ::shutdown(fd_, SHUT_WR) != 0) {
+            throw ExSystem(SetLastErrorFromErrno(errno), OSB_HERE);
+        }
+    }
+
     void close() override {
         if (fd_ >= 0) ::close(fd_);
         fd_ = -1;

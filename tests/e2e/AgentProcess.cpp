@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,25 +18,40 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-pid_t Spawn(const std::string& program, const std::vector<std::string>& args, int& outFd,
-            int& errFd) {
+pid_t Spawn(const std::string& program, const std::vector<std::string>& args, unsigned openFiles,
+            int& outFd, int& errFd) {
     int out[2];
     int err[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return -1;
-    // posix_spawn rather than fork: a test built with a sanitizer has a huge address space, and
-    // copying its page tables for every child made tests that start the agent hundreds of times
-    // slow for nothing.
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(program.c_str()));
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
     pid_t pid = -1;
-    if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    if (openFiles != 0) {
+        // A descriptor limit must be in place before the agent runs, which only a fork can do.
+        pid = fork();
+        if (pid == 0) {
+            dup2(out[1], 1);
+            dup2(err[1], 2);
+            const rlimit limit{openFiles, openFiles};
+            if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
+            execv(program.c_str(), argv.data());
+            _exit(127);
+        }
+    } else {
+        // posix_spawn rather than fork: a test built with a sanitizer has a huge address space,
+        // and copying its page tables for every child made tests that start the agent hundreds of
+        // times slow for nothing.
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) {
+            pid = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+    }
     close(out[1]);
     close(err[1]);
     outFd = out[0];
@@ -75,8 +91,9 @@ Finished RunAgent(const std::vector<std::string>& args, int timeoutMs, const std
     return agent.wait(timeoutMs);
 }
 
-RunningAgent::RunningAgent(const std::vector<std::string>& args, const std::string& program) {
-    pid_ = Spawn(program, args, outFd_, errFd_);
+RunningAgent::RunningAgent(const std::vector<std::string>& args, const std::string& program,
+                           unsigned openFiles) {
+    pid_ = Spawn(program, args, openFiles, outFd_, errFd_);
     if (pid_ < 0) ADD_FAILURE() << "cannot start " << program;
 }
 

@@ -25,8 +25,10 @@ Finished RunAgent(const std::vector<std::string>& args, int timeoutMs = 120000,
 // A child that runs on while the test talks to it.
 class RunningAgent {
   public:
+    // `openFiles`, when not 0, is the child's limit of open descriptors (soft and hard), set
+    // before it runs the program.
     explicit RunningAgent(const std::vector<std::string>& args,
-                          const std::string& program = AgentPath());
+                          const std::string& program = AgentPath(), unsigned openFiles = 0);
     ~RunningAgent();
     RunningAgent(const RunningAgent&) = delete;
     RunningAgent& operator=(const RunningAgent&) = delete;

@@ -144,8 +144,8 @@ TEST_F(ProtocolE2eTest, HelloVersionRulesAndRepeatedHello) {
     }
 }
 
-TEST_F(ProtocolE2eTest, ConnectAndDisconnectAreTracedAndAClosedIdIsNotReused) {
-    testing::internal::CaptureStdout();
+// The traces of connections are checked against the executable (ConnectionE2eTest).
+TEST_F(ProtocolE2eTest, AClosedIdIsNotReused) {
     uint32_t firstId;
     {
         Connection c(pipeName_);
@@ -153,14 +153,8 @@ TEST_F(ProtocolE2eTest, ConnectAndDisconnectAreTracedAndAClosedIdIsNotReused) {
     }
     ASSERT_TRUE(WaitUntilSlotIsFree(1));
     Connection next(pipeName_);
-    uint32_t nextId = next.hello(kGuid);
-    stopServer();
-    std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(firstId, 0x401u);
-    EXPECT_EQ(nextId, 0x402u);
-    EXPECT_NE(out.find("- Client Connect : 1025\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("- Client Disconnect : 1025\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("- Client Connect : 1026\n"), std::string::npos) << out;
+    EXPECT_EQ(next.hello(kGuid), 0x402u);
 }
 
 // 1024 clients fill the table; the 1025th connection is dropped by the server, and once one client

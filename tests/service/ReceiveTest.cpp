@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
@@ -159,6 +160,52 @@ TEST_F(ReceiveTest, EverySplitPointGivesTheSameMessages) {
         ASSERT_EQ(seen_.size(), 3u) << "cut at " << cut;
         EXPECT_EQ(seen_[2].requestId, 3u);
         EXPECT_EQ(rx_.buffered, 0u);
+    }
+}
+
+}  // namespace
+
+namespace {
+
+// Taking in stops before any message once ready() says no; what was not taken in is handed back
+// later, piece by piece as a caller would, and every message comes once, in order, whatever the
+// stream's size and wherever the stops fall.
+TEST(ReceiveWhileTest, StopsAtEachRefusalAndGoesOnInOrderWithWhatWasHandedBack) {
+    Bytes stream;
+    for (uint32_t r = 1; r <= 600; ++r) {
+        Bytes m = Message(0x103, r % 7 == 0 ? 3000 : 4, r);
+        stream.insert(stream.end(), m.begin(), m.end());
+    }
+    for (uint32_t every : {2u, 3u, 5u, 50u}) {
+        SCOPED_TRACE(every);
+        Vigil::ReceiveBuffer rx;
+        std::vector<uint32_t> ids;
+        uint32_t asked = 0;
+        auto ready = [&] { return ++asked % every != 0; };
+        auto dispatch = [&](const uint8_t* message, uint32_t) {
+            ids.push_back(Vigil::Protocol::Load32(message + 8));
+        };
+        size_t offset = 0;
+        while (offset < stream.size()) {
+            const uint32_t read = static_cast<uint32_t>(std::min<size_t>(4096, stream.size() - offset));
+            Bytes held(stream.begin() + offset, stream.begin() + offset + read);
+            offset += read;
+            // Like a client, no new read until the held bytes are all taken in.
+            for (int rounds = 0; rounds < 100000; ++rounds) {
+                const uint32_t taken = Vigil::ReceiveBytesWhile(
+                    rx, held.data(), static_cast<uint32_t>(held.size()), ready, dispatch);
+                ASSERT_LE(taken, held.size());
+                held.erase(held.begin(), held.begin() + taken);
+                if (held.empty()) break;
+            }
+            ASSERT_TRUE(held.empty());
+        }
+        // The stops after the last read leave messages buffered: go on with 0 bytes.
+        while (rx.buffered > 0) {
+            ASSERT_EQ(Vigil::ReceiveBytesWhile(rx, nullptr, 0, ready, dispatch), 0u);
+        }
+        ASSERT_EQ(ids.size(), 600u);
+        for (uint32_t r = 1; r <= 600; ++r) EXPECT_EQ(ids[r - 1], r);
     }
 }
 
