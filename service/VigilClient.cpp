@@ -95,6 +95,7 @@ void Client::onClosed() {
             // The reader's soft reference keeps this object alive past the release of the strong
             // one.
             clientTable.clear(clientTable.indexOf(id));
+            CountClientLeft();
             std::printf("- Client Disconnect : %d\n", static_cast<int>(id));
             std::fflush(stdout);
         }

@@ -1,5 +1,7 @@
 #include "service/VigilClientTable.h"
 
+#include <atomic>
+
 #include "service/VigilClient.h"
 
 namespace Vigil {
@@ -8,6 +10,15 @@ namespace Vigil {
 // the platform has closed every connection.
 Osb::Mutex clientTableMutex;
 ClientTable clientTable;
+
+namespace {
+// Only ever compared with an earlier reading of itself: no order with other memory is needed.
+std::atomic<uint64_t> clientsLeft{0};
+}  // namespace
+
+uint64_t ClientsLeftSoFar() { return clientsLeft.load(std::memory_order_relaxed); }
+
+void CountClientLeft() { clientsLeft.fetch_add(1, std::memory_order_relaxed); }
 
 uint32_t ClientsOfUser(uint32_t uid) {
     Osb::MutexLock lock(clientTableMutex);

@@ -11,6 +11,7 @@
 #include "platform/Sleep.h"
 #include "platform/SysLog.h"
 #include "service/VigilClientAccept.h"
+#include "service/VigilClientTable.h"
 #include "service/VigilDispatch.h"
 #include "service/VigilExceptions.h"
 #include "service/VigilService.h"
@@ -22,6 +23,12 @@ namespace {
 
 constexpr uint32_t kReportWaitHint = 2000;
 constexpr uint32_t kWaitLoopSleepMs = 1000;
+// Every this many turns of the wait loop (each about a second), the working set is given back
+// again when clients have left since the last time. Connections that come and go leave the heap's free space scattered
+// between the arenas of the delivery threads, where the C library keeps it: under steady turnover
+// the resident size grew by a tenth and more in half a minute while the live memory stayed flat.
+// An idle service, with nobody coming or going, still does no work in its loop.
+constexpr uint32_t kTrimEveryLoops = 1;
 
 // Ids from 0xE report errors; a system error is followed by an event whose id is its code.
 void LogFailure(const Osb::Exception& failure) {
@@ -185,8 +192,16 @@ int Service::run() {
     }
 
     const uint32_t stopBit = StateBit(ServiceState::kStopPending);
+    uint64_t leftAtTrim = ClientsLeftSoFar();
+    uint32_t loops = 0;
     if ((state_.load(std::memory_order_acquire) & stopBit) == 0) {
         do {
+            if (++loops % kTrimEveryLoops == 0 && ClientsLeftSoFar() != leftAtTrim) {
+                leftAtTrim = ClientsLeftSoFar();
+                // Only the current process can be named here, and trimming it cannot fail.
+                Osb::SetProcessWorkingSetSize(Osb::GetCurrentProcess(), static_cast<size_t>(-1),
+                                              static_cast<size_t>(-1));
+            }
             {
                 Osb::MutexLock lock(mutex);
                 while (state_.load(std::memory_order_acquire) & StateBit(ServiceState::kPaused)) {
