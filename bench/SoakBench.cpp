@@ -461,6 +461,10 @@ int main(int argc, char** argv) {
             std::this_thread::sleep_until(start + std::chrono::seconds(at));
             gate.hold(clients);
             const bool settled = Settle(pid, socketsAlone);
+            // The service gives its free heap back once a second after clients have left; both
+            // figures are taken past that moment, so that neither catches the space that the
+            // last sessions freed and the next second returns.
+            std::this_thread::sleep_for(std::chrono::milliseconds(2500));
             ProcessFigures figures = Measure(pid);
             if (!last) gate.release(false);
             return std::make_pair(settled, figures);
