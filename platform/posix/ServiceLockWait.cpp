@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 
 #include "platform/ErrorCode.h"
 #include "platform/posix/ServiceFiles.h"
@@ -41,6 +42,25 @@ uint32_t GiveUp(const std::string& path, Clock::time_point since, const char* wh
     return Err::kServiceRequestTimeout;
 }
 
+// Takes the exclusive lock of `fd` (the file `path`), looking again every kPollMs until `limitMs`
+// have passed. Between two looks, `stop` may end the wait with a code of its own (non-zero).
+// Returns 0 once the lock is taken, else the code of the failure or of the timeout.
+uint32_t LockExclusiveWithin(int fd, const std::string& path, int limitMs,
+                             const std::function<uint32_t()>& stop) {
+    const auto since = Clock::now();
+    const auto deadline = since + std::chrono::milliseconds(limitMs);
+    for (;;) {
+        // An exclusive lock conflicts with every other holder: the service's own exclusive one,
+        // and a shared one of anybody who may open the file.
+        const int err = TryLock(fd, LOCK_EX);
+        if (err == 0) return Err::kSuccess;
+        if (err != EWOULDBLOCK) return SetLastErrorFromErrno(err, path.c_str());
+        if (const uint32_t code = stop ? stop() : 0) return code;
+        if (Clock::now() >= deadline) return GiveUp(path, since, "the start");
+        ::usleep(kPollMs * 1000);
+    }
+}
+
 }  // namespace
 
 StartLock::StartLock(const std::string& name, int limitMs) {
@@ -50,21 +70,8 @@ StartLock::StartLock(const std::string& name, int limitMs) {
         error_ = ErrorCode();
         return;
     }
-    const auto since = Clock::now();
-    const auto deadline = since + std::chrono::milliseconds(limitMs);
-    for (;;) {
-        const int err = TryLock(fd_, LOCK_EX);
-        if (err == 0) return;
-        if (err != EWOULDBLOCK) {
-            error_ = SetLastErrorFromErrno(err, path.c_str());
-            break;
-        }
-        if (Clock::now() >= deadline) {
-            error_ = GiveUp(path, since, "the start");
-            break;
-        }
-        ::usleep(kPollMs * 1000);
-    }
+    error_ = LockExclusiveWithin(fd_, path, limitMs, nullptr);
+    if (error_ == Err::kSuccess) return;
     ::close(fd_);
     fd_ = -1;
 }
@@ -78,29 +85,12 @@ uint32_t AwaitInstanceLockFree(const std::string& name, int limitMs,
     const std::string path = LockPath(name);
     const int fd = OpenPrivateFile(path, false);
     if (fd < 0) return ErrorCode();
-    const auto since = Clock::now();
-    const auto deadline = since + std::chrono::milliseconds(limitMs);
-    uint32_t code = Err::kSuccess;
-    for (;;) {
-        // An exclusive lock conflicts with every other holder: the service's own exclusive one,
-        // and a shared one of anybody who may open the file.
-        const int err = TryLock(fd, LOCK_EX);
-        if (err == 0) break;  // closing below lets go of it again
-        if (err != EWOULDBLOCK) {
-            code = SetLastErrorFromErrno(err, path.c_str());
-            break;
-        }
-        if (running()) {
-            SetLastError(Err::kServiceAlreadyRunning);
-            code = Err::kServiceAlreadyRunning;
-            break;
-        }
-        if (Clock::now() >= deadline) {
-            code = GiveUp(path, since, "the start");
-            break;
-        }
-        ::usleep(kPollMs * 1000);
-    }
+    // Taken only to see that nobody holds it; closing below lets go of it again.
+    const uint32_t code = LockExclusiveWithin(fd, path, limitMs, [&]() -> uint32_t {
+        if (!running()) return Err::kSuccess;
+        SetLastError(Err::kServiceAlreadyRunning);
+        return Err::kServiceAlreadyRunning;
+    });
     ::close(fd);
     return code;
 }
