@@ -1,6 +1,5 @@
 // The watch family: folder lists, GetChanges and its reply, RemoveChanges.
 #include "service/VigilCodec.h"
-
 #include "service/VigilCodecWriter.h"
 
 namespace Vigil::Codec {
@@ -10,10 +9,9 @@ using namespace Writer;
 
 namespace {
 
-#define VIGIL_CODEC_TRY(expression)                              \
-    do {                                                         \
-        if (Result result_ = (expression); result_ != Result::kOk) \
-            return result_;                                      \
+#define VIGIL_CODEC_TRY(expression)                                                \
+    do {                                                                           \
+        if (Result result_ = (expression); result_ != Result::kOk) return result_; \
     } while (0)
 
 // One folder path of a folder list, located by the StringRef at `entry`: exactly byteLength bytes
@@ -113,7 +111,7 @@ Result decodeGetChanges(RequestBody body, bool& clear) {
 void encodeGetChanges(bool clear, Bytes& out) { Put32(out, clear ? 1 : 0); }
 
 uint64_t changesBodyBytes(const std::vector<FolderChanges>& changes) {
-    uint64_t bytes = 16 + uint64_t{kFolderRefBytes} * changes.size();
+    uint64_t bytes = kStatusArrayTable + uint64_t{kFolderRefBytes} * changes.size();
     for (const FolderChanges& folder : changes) {
         bytes += WireBytes(folder.path) + uint64_t{kStringRefBytes} * folder.names.size();
         for (const std::u16string& name : folder.names) bytes += WireBytes(name);
@@ -129,7 +127,7 @@ void encodeChanges(const std::vector<FolderChanges>& changes, Bytes& out) {
     Put32(out, 0);
     Put32(out, static_cast<uint32_t>(changes.size()));
     Put32(out, kFolderRefBytes);
-    Put32(out, 16);
+    Put32(out, kStatusArrayTable);
     // Three write positions: the FolderRef table, all name tables behind it, and the strings,
     // which go folder by folder: the path, then its names.
     size_t folderEntry = out.size();

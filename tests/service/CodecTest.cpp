@@ -35,8 +35,8 @@ Bytes Zeros(size_t n) { return Bytes(n, 0); }
 // A GetChanges reply of two folders: folder table at 16, the name tables at 64 and 88, then the
 // strings folder by folder from 100: "a/", "x", "yz", "b/", "q".
 Bytes TwoFolderChanges() {
-    return Cat({Le32({0, 2, 24, 16, 100, 6, 5, 2, 12, 64, 116, 6, 5, 1, 12, 88, 106, 4, 5, 110, 6,
-                      5, 122, 4, 5}),
+    return Cat({Le32({0, 2,  24, 16,  100, 6, 5,   2, 12, 64,  116, 6, 5,
+                      1, 12, 88, 106, 4,   5, 110, 6, 5,  122, 4,   5}),
                 Wire(u"a/"), Wire(u"x"), Wire(u"yz"), Wire(u"b/"), Wire(u"q")});
 }
 
@@ -77,8 +77,10 @@ TEST(CodecTest, CanonicalBodiesDecodeAndEncodeToTheSameBytes) {
          Via<HelloRequest>(decodeHello, encodeHello)},
         {"hello reply", Le32({0, 1, 0x401, 1, 0, 201}),
          Via<HelloReply>(decodeHelloReply, encodeHelloReply)},
-        {"error of no reason", Le32({0, 0, 12, 16}), Via<ErrorReply>(decodeErrorReply, encodeErrorReply)},
-        {"error of two reasons", Cat({Le32({0, 2, 12, 16, 40, 6, 5, 46, 2, 5}), Wire(u"no"), Wire(u"")}),
+        {"error of no reason", Le32({0, 0, 12, 16}),
+         Via<ErrorReply>(decodeErrorReply, encodeErrorReply)},
+        {"error of two reasons",
+         Cat({Le32({0, 2, 12, 16, 40, 6, 5, 46, 2, 5}), Wire(u"no"), Wire(u"")}),
          Via<ErrorReply>(decodeErrorReply, encodeErrorReply)},
         {"folder list of none", Le32({0, 12, 12}),
          Via<std::vector<std::u16string>>(decodeFolderListReply, encodeFolderListReply)},
@@ -86,13 +88,11 @@ TEST(CodecTest, CanonicalBodiesDecodeAndEncodeToTheSameBytes) {
          Via<std::vector<std::u16string>>(decodeFolderListReply, encodeFolderListReply)},
         {"add folders with options",
          Cat({Le32({1, 0, 1, 0, 2, 12, 28, 52, 6, 5, 58, 6, 5}), Wire(u"a/"), Wire(u"b/")}),
-         Via<FolderListRequest>(folders1, [](const FolderListRequest& r, Bytes& out) {
-             encodeAddFolders(1, r, out);
-         })},
+         Via<FolderListRequest>(folders1, [](const FolderListRequest& r,
+                                             Bytes& out) { encodeAddFolders(1, r, out); })},
         {"add folders short", Cat({Le32({1, 1, 12, 16, 28, 6, 5}), Wire(u"a/")}),
-         Via<FolderListRequest>(folders0, [](const FolderListRequest& r, Bytes& out) {
-             encodeAddFolders(0, r, out);
-         })},
+         Via<FolderListRequest>(folders0, [](const FolderListRequest& r,
+                                             Bytes& out) { encodeAddFolders(0, r, out); })},
         {"remove folders", Cat({Le32({0, 1, 12, 16, 28, 6, 5}), Wire(u"a/")}),
          Via<FolderListRequest>(decodeRemoveFolders, encodeRemoveFolders)},
         {"get changes", Le32({1}), Via<bool>(decodeGetChanges, encodeGetChanges)},
@@ -126,7 +126,8 @@ TEST(CodecTest, HelloOfTheExampleAndItsReplyByteForByte) {
     Bytes m(Vigil::Protocol::kHeaderBytes);
     encodeHello(hello, m);
     ASSERT_TRUE(frameMessage(m, Vigil::Protocol::kHello, 7, 0));
-    EXPECT_EQ(m, Cat({Le32({0x101, 0x18, 7, 0, 0, 1}), Bytes(hello.guid.begin(), hello.guid.end())}));
+    EXPECT_EQ(m,
+              Cat({Le32({0x101, 0x18, 7, 0, 0, 1}), Bytes(hello.guid.begin(), hello.guid.end())}));
     Bytes body;
     encodeHelloReply({0, 1, 0x401, 1, 0, 201}, body);
     EXPECT_EQ(message(0x201, 7, 0x401, body),
@@ -188,7 +189,8 @@ TEST(CodecTest, HostileRequestsAreRefusedWithTheErrorTheHandlersGive) {
          Zeros(4), 20000, kOk},
         {"check announced long, none in hand",
          [](RequestBody b) { return decodeConnectionCheck(b); }, Bytes{}, 20000, kLength},
-        {"noop of 3", [](RequestBody b) { return decodeConnectionNoop(b); }, Zeros(3), kOwn, kLength},
+        {"noop of 3", [](RequestBody b) { return decodeConnectionNoop(b); }, Zeros(3), kOwn,
+         kLength},
         {"get folders of 3", [](RequestBody b) { return decodeGetFolders(b); }, Zeros(3), kOwn,
          kLength},
         {"get changes of 3", GetChanges, Zeros(3), kOwn, kLength},
@@ -211,8 +213,8 @@ TEST(CodecTest, HostileRequestsAreRefusedWithTheErrorTheHandlersGive) {
         // Terminators must be found inside the body.
         {"folder path without terminator", RemoveChanges, noTerminator, kOwn, kData},
         {"name without terminator", RemoveChanges,
-         Cat({Le32({0, 1, 24, 16, 52, 2, 5, 1, 12, 40, 54, 2, 5}), Wire(u""), Bytes{'n', 0}}),
-         kOwn, kData},
+         Cat({Le32({0, 1, 24, 16, 52, 2, 5, 1, 12, 40, 54, 2, 5}), Wire(u""), Bytes{'n', 0}}), kOwn,
+         kData},
         {"count 0 reads no table", RemoveChanges, Le32({0, 0, 24, 0xFFFFFFF0}), kOwn, kOk},
         {"path without terminator in its byteLength", AddFolders0, OnePath(u"ab", 4), kOwn, kData},
         {"path of byteLength 0", AddFolders0, OnePath(u"", 0), kOwn, kData},
@@ -227,16 +229,16 @@ TEST(CodecTest, HostileRequestsAreRefusedWithTheErrorTheHandlersGive) {
     };
     for (const Hostile& c : cases) {
         SCOPED_TRACE(c.name);
-        RequestBody body(c.body, c.announced == kOwn ? static_cast<uint32_t>(c.body.size())
-                                                     : c.announced);
+        RequestBody body(c.body,
+                         c.announced == kOwn ? static_cast<uint32_t>(c.body.size()) : c.announced);
         EXPECT_EQ(c.decode(body), c.expected);
     }
 }
 
 TEST(CodecTest, FolderPathsEndWithTheSeparatorAndARefusalKeepsThoseBeforeIt) {
     // Three paths: "a" gains its separator, "b/" keeps its own, the third points outside.
-    Bytes body = Cat({Le32({1, 1, 0, 1, 3, 12, 28, 64, 4, 5, 68, 6, 5, 0xFFFF, 4, 5}),
-                      Wire(u"a"), Wire(u"b/")});
+    Bytes body = Cat(
+        {Le32({1, 1, 0, 1, 3, 12, 28, 64, 4, 5, 68, 6, 5, 0xFFFF, 4, 5}), Wire(u"a"), Wire(u"b/")});
     FolderListRequest request;
     EXPECT_EQ(decodeAddFolders(body, 1, request), Result::kInvalidLength);
     EXPECT_EQ(request.paths, (std::vector<std::u16string>{u"a/", u"b/"}));
@@ -253,13 +255,13 @@ TEST(CodecTest, FolderPathsEndWithTheSeparatorAndARefusalKeepsThoseBeforeIt) {
 
 TEST(CodecTest, MalformedRepliesAreRefused) {
     const Bytes bad[] = {
-        Le32({0, 1, 12, 16}),                                 // table past the end
-        Le32({0, 0x15555556, 12, 16}),                        // count * 12 wraps 32 bits
-        Cat({Le32({0, 1, 12, 16, 28, 8, 5}), Wire(u"n")}),    // string past the end
-        Cat({Le32({0, 1, 12, 16, 28, 3, 5}), Wire(u"n")}),    // odd byte length
-        Cat({Le32({0, 1, 12, 16, 28, 2, 5}), Bytes{'n', 0}}), // no terminator
-        Le32({0, 1, 12, 0xFFFFFFF0}),                         // table offset wraps
-        Bytes{1, 2},                                          // shorter than a field
+        Le32({0, 1, 12, 16}),                                  // table past the end
+        Le32({0, 0x15555556, 12, 16}),                         // count * 12 wraps 32 bits
+        Cat({Le32({0, 1, 12, 16, 28, 8, 5}), Wire(u"n")}),     // string past the end
+        Cat({Le32({0, 1, 12, 16, 28, 3, 5}), Wire(u"n")}),     // odd byte length
+        Cat({Le32({0, 1, 12, 16, 28, 2, 5}), Bytes{'n', 0}}),  // no terminator
+        Le32({0, 1, 12, 0xFFFFFFF0}),                          // table offset wraps
+        Bytes{1, 2},                                           // shorter than a field
     };
     for (const Bytes& body : bad) {
         ErrorReply reply;

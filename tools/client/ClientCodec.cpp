@@ -82,7 +82,8 @@ Bytes EncodeGetChanges(bool clear) {
 Bytes EncodeRemoveChanges(const std::vector<FolderChanges>& changes) {
     std::vector<Codec::FolderChanges> wide;
     wide.reserve(changes.size());
-    for (const FolderChanges& f : changes) wide.push_back({Osb::Utf8ToUtf16(f.path), Wide(f.names)});
+    for (const FolderChanges& f : changes)
+        wide.push_back({Osb::Utf8ToUtf16(f.path), Wide(f.names)});
     Bytes body;
     Codec::encodeChanges(wide, body);
     return body;
@@ -96,11 +97,11 @@ std::vector<Bytes> EncodeRemoveChangesRequests(const std::vector<FolderChanges>&
     auto wireBytes = [](const std::string& utf8) { return 2 * Osb::Utf8ToUtf16(utf8).size() + 2; };
     std::vector<Bytes> bodies;
     std::vector<FolderChanges> chunk;
-    size_t chunkBytes = 16;  // status and ArrayHeader
+    size_t chunkBytes = kStatusArrayTable;
     auto flush = [&] {
         if (!chunk.empty()) bodies.push_back(EncodeRemoveChanges(chunk));
         chunk.clear();
-        chunkBytes = 16;
+        chunkBytes = kStatusArrayTable;
     };
     for (const FolderChanges& folder : changes) {
         const size_t folderBytes = kFolderRefBytes + wireBytes(folder.path);
