@@ -116,6 +116,9 @@ void encodeFolderListReply(const std::vector<std::u16string>& paths, Bytes& out)
 // The GetChanges reply; a RemoveChanges request has the same shape and encodes with it.
 Result decodeChangesReply(RequestBody body, std::vector<FolderChanges>& out);
 void encodeChanges(const std::vector<FolderChanges>& changes, Bytes& out);
+// The same into `body`, which must be exactly changesBodyBytes(changes) long: the reply that has no
+// size limit is written straight into the buffer it is sent from.
+void encodeChangesInto(const std::vector<FolderChanges>& changes, std::span<uint8_t> body);
 // Bytes of the body encodeChanges() gives for `changes`.
 uint64_t changesBodyBytes(const std::vector<FolderChanges>& changes);
 

@@ -121,25 +121,30 @@ uint64_t changesBodyBytes(const std::vector<FolderChanges>& changes) {
 
 void encodeChanges(const std::vector<FolderChanges>& changes, Bytes& out) {
     const size_t base = out.size();
+    out.resize(base + static_cast<size_t>(changesBodyBytes(changes)));
+    encodeChangesInto(changes, std::span<uint8_t>(out).subspan(base));
+}
+
+void encodeChangesInto(const std::vector<FolderChanges>& changes, std::span<uint8_t> body) {
     size_t names = 0;
     for (const FolderChanges& folder : changes) names += folder.names.size();
-    out.reserve(base + static_cast<size_t>(changesBodyBytes(changes)));
-    Put32(out, 0);
-    Put32(out, static_cast<uint32_t>(changes.size()));
-    Put32(out, kFolderRefBytes);
-    Put32(out, kStatusArrayTable);
+    uint8_t* p = body.data();
+    Store32(p + 0, 0);
+    Store32(p + 4, static_cast<uint32_t>(changes.size()));
+    Store32(p + 8, kFolderRefBytes);
+    Store32(p + 12, kStatusArrayTable);
     // Three write positions: the FolderRef table, all name tables behind it, and the strings,
     // which go folder by folder: the path, then its names.
-    size_t folderEntry = out.size();
+    size_t folderEntry = kStatusArrayTable;
     size_t nameEntry = folderEntry + size_t{kFolderRefBytes} * changes.size();
-    out.resize(nameEntry + size_t{kStringRefBytes} * names);
+    auto at = static_cast<uint32_t>(nameEntry + size_t{kStringRefBytes} * names);
     for (const FolderChanges& folder : changes) {
-        PutString(out, base, folderEntry, folder.path);
-        Set32(out, folderEntry + 12, static_cast<uint32_t>(folder.names.size()));
-        Set32(out, folderEntry + 16, kStringRefBytes);
-        Set32(out, folderEntry + 20, static_cast<uint32_t>(nameEntry - base));
+        at = PutString(p, folderEntry, at, folder.path);
+        Store32(p + folderEntry + 12, static_cast<uint32_t>(folder.names.size()));
+        Store32(p + folderEntry + 16, kStringRefBytes);
+        Store32(p + folderEntry + 20, static_cast<uint32_t>(nameEntry));
         for (const std::u16string& name : folder.names) {
-            PutString(out, base, nameEntry, name);
+            at = PutString(p, nameEntry, at, name);
             nameEntry += kStringRefBytes;
         }
         folderEntry += kFolderRefBytes;

@@ -26,34 +26,35 @@ inline void Set32(std::vector<uint8_t>& out, size_t at, uint32_t value) {
 // Bytes of a string on the wire: its units and the terminator.
 inline uint64_t WireBytes(const std::u16string& text) { return 2 * uint64_t{text.size()} + 2; }
 
-// Appends `text` with its terminator and fills the StringRef at `entry` to point at it.
-inline void PutString(std::vector<uint8_t>& out, size_t base, size_t entry,
-                      const std::u16string& text) {
-    const size_t at = out.size();
+// Writes `text` with its terminator at body offset `at` and fills the StringRef at body offset
+// `entry` to point at it; returns the offset behind the string. The bytes must be there.
+inline uint32_t PutString(uint8_t* body, size_t entry, uint32_t at, const std::u16string& text) {
     const uint32_t bytes = static_cast<uint32_t>(WireBytes(text));
-    Set32(out, entry + 0, static_cast<uint32_t>(at - base));
-    Set32(out, entry + 4, bytes);
-    Set32(out, entry + 8, Protocol::kStringType);
-    out.resize(at + bytes);
-    std::memcpy(out.data() + at, text.data(), bytes - 2);
-    out[at + bytes - 2] = 0;
-    out[at + bytes - 1] = 0;
+    Protocol::Store32(body + entry + 0, at);
+    Protocol::Store32(body + entry + 4, bytes);
+    Protocol::Store32(body + entry + 8, Protocol::kStringType);
+    if (bytes > 2) std::memcpy(body + at, text.data(), bytes - 2);
+    body[at + bytes - 2] = 0;
+    body[at + bytes - 1] = 0;
+    return at + bytes;
 }
 
 // Appends an ArrayHeader of StringRef, the table right behind it and the strings behind that.
 inline void PutStringTable(std::vector<uint8_t>& out, size_t base,
                            const std::vector<std::u16string>& strings) {
-    uint64_t total = out.size() + Protocol::kArrayHeaderBytes +
-                     uint64_t{Protocol::kStringRefBytes} * strings.size();
-    for (const std::u16string& s : strings) total += WireBytes(s);
-    out.reserve(static_cast<size_t>(total));
-    Put32(out, static_cast<uint32_t>(strings.size()));
-    Put32(out, Protocol::kStringRefBytes);
-    Put32(out, static_cast<uint32_t>(out.size() + 4 - base));
-    size_t entry = out.size();
-    out.resize(entry + size_t{Protocol::kStringRefBytes} * strings.size());
+    const size_t header = out.size();
+    const size_t table = header + Protocol::kArrayHeaderBytes;
+    size_t total = table + size_t{Protocol::kStringRefBytes} * strings.size();
+    for (const std::u16string& s : strings) total += static_cast<size_t>(WireBytes(s));
+    out.resize(total);
+    uint8_t* body = out.data() + base;
+    Set32(out, header + 0, static_cast<uint32_t>(strings.size()));
+    Set32(out, header + 4, Protocol::kStringRefBytes);
+    Set32(out, header + 8, static_cast<uint32_t>(table - base));
+    size_t entry = table - base;
+    auto at = static_cast<uint32_t>(entry + size_t{Protocol::kStringRefBytes} * strings.size());
     for (const std::u16string& s : strings) {
-        PutString(out, base, entry, s);
+        at = PutString(body, entry, at, s);
         entry += Protocol::kStringRefBytes;
     }
 }

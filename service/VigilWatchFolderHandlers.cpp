@@ -6,6 +6,7 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/FileSystem.h"
+#include "service/VigilClientIo.h"
 #include "service/VigilExceptions.h"
 #include "service/VigilHandlers.h"
 #include "service/VigilWatchFolderDatabase.h"
@@ -157,12 +158,16 @@ void SendChanges(const ClientSoftRef& client, uint32_t requestId, bool clear) {
         if (names.empty()) continue;
         pending.push_back({std::move(path), std::move(names)});
     }
-    if (Codec::changesBodyBytes(pending) > UINT32_MAX - kHeaderBytes) {
-        throw std::length_error("reply too long");
-    }
-    Codec::Bytes message = NewMessage();
-    Codec::encodeChanges(pending, message);
-    SendMessage(client, message, kGetChangesReply, requestId);
+    const uint64_t bodyBytes = Codec::changesBodyBytes(pending);
+    if (bodyBytes > UINT32_MAX - kHeaderBytes) throw std::length_error("reply too long");
+    const auto size = static_cast<uint32_t>(kHeaderBytes + bodyBytes);
+    auto notify = Osb::MakeSmart<ClientWrite>(client);
+    auto request = Osb::IoRequest::Create(notify, size, 1);
+    uint8_t* out = request->buffer();
+    StoreHeader(out, {kGetChangesReply, size - kHeaderBytes, requestId, client->id});
+    Codec::encodeChangesInto(pending, {out + kHeaderBytes, size - kHeaderBytes});
+    request->length(size);
+    client->send(request);
 }
 
 }  // namespace Vigil
