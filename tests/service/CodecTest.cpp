@@ -253,6 +253,32 @@ TEST(CodecTest, FolderPathsEndWithTheSeparatorAndARefusalKeepsThoseBeforeIt) {
     EXPECT_FALSE(shortOne.reportRemoved);
 }
 
+// The last string of these bodies ends at their last byte, so no shorter body holds together:
+// neither one cut short nor one whose announced bodyLength stops before the bytes in hand do.
+TEST(CodecTest, EveryCutOfABodyIsRefused) {
+    const Bytes changes = TwoFolderChanges();
+    const Bytes folders =
+        Cat({Le32({1, 0, 0, 0, 2, 12, 28, 52, 6, 5, 58, 4, 5}), Wire(u"a/"), Wire(u"b")});
+    for (uint32_t n = 0; n < changes.size(); ++n) {
+        SCOPED_TRACE(n);
+        const std::span<const uint8_t> cut(changes.data(), n);
+        std::vector<FolderChanges> reply;
+        RemoveChangesRequest request;
+        EXPECT_NE(decodeChangesReply(cut, reply), Result::kOk);
+        EXPECT_NE(decodeRemoveChanges(cut, request), Result::kOk);
+        EXPECT_NE(decodeRemoveChanges(RequestBody(changes, n), request), Result::kOk);
+    }
+    for (uint32_t n = 0; n < folders.size(); ++n) {
+        SCOPED_TRACE(n);
+        FolderListRequest request;
+        EXPECT_NE(decodeAddFolders(std::span<const uint8_t>(folders.data(), n), 1, request),
+                  Result::kOk);
+        EXPECT_NE(decodeAddFolders(RequestBody(folders, n), 1, request), Result::kOk);
+    }
+    FolderListRequest whole;
+    EXPECT_EQ(decodeAddFolders(folders, 1, whole), Result::kOk);
+}
+
 TEST(CodecTest, MalformedRepliesAreRefused) {
     const Bytes bad[] = {
         Le32({0, 1, 12, 16}),                                  // table past the end
