@@ -50,7 +50,7 @@ void RunClient(const std::u16string& pipe, bool sayHello, Clock::time_point star
         id = Load32(reply + 12);
     }
     StoreHeader(message, {kConnectionNoop, 4, 2, id});
-    Store32(message + 16, 0);
+    Store32(message + kHeaderBytes, 0);
     std::this_thread::sleep_until(start);
     while (Clock::now() < end) {
         auto t0 = Clock::now();

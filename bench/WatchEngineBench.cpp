@@ -474,7 +474,7 @@ void Bench::bigReply() {
     auto reply =
         client->request(Vigil::Protocol::kGetChanges, vigil_client::EncodeGetChanges(true));
     const double took = Seconds(Clock::now() - start);
-    const size_t bytes = reply.body.size() + 16;
+    const size_t bytes = reply.body.size() + Vigil::Protocol::kHeaderBytes;
 
     // Baseline: the same bytes through a socket pair, written whole and read whole.
     int pair[2];

@@ -4,7 +4,6 @@
 #include <shared_mutex>
 
 #include "platform/Utf.h"
-#include "service/VigilClientIo.h"
 #include "service/VigilExceptions.h"
 #include "service/VigilHandlers.h"
 #include "service/VigilWatchFolderHandlers.h"
@@ -79,7 +78,9 @@ void TermDispatch() {
 }
 
 void Dispatch(const ClientSoftRef& client, const uint8_t* message, uint32_t available) {
-    const Protocol::MessageHeader header = Protocol::LoadHeader(message);
+    Protocol::MessageHeader header{};
+    // The receiving side hands over nothing shorter than a header.
+    if (Codec::decodeHeader({message, available}, header) != Codec::Result::kOk) return;
     std::shared_lock lock(dispatchTablesMutex);
     try {
         const uint32_t family = Protocol::FamilyOf(header.code);
@@ -94,8 +95,9 @@ void Dispatch(const ClientSoftRef& client, const uint8_t* message, uint32_t avai
         if (table->family != family) throw ExInvalidHeader(OSB_HERE);
         if ((header.code & Protocol::kRequestBit) == 0) throw ExInvalidHeader(OSB_HERE);
 
-        RequestBody body{message + Protocol::kHeaderBytes, header.bodyLength,
-                         available - Protocol::kHeaderBytes};
+        const Codec::RequestBody body(
+            {message + Protocol::kHeaderBytes, available - Protocol::kHeaderBytes},
+            header.bodyLength);
         table->handlers[Protocol::NumberOf(header.code)](client, header.requestId, body);
     } catch (const Osb::Exception& error) {
         SendError(client, header.requestId, 0, error);
@@ -106,39 +108,18 @@ void Dispatch(const ClientSoftRef& client, const uint8_t* message, uint32_t avai
 
 void SendError(const ClientSoftRef& client, uint32_t requestId, uint32_t status,
                const Osb::Exception& error) {
-    const uint32_t count = static_cast<uint32_t>(error.depth());
-    uint64_t size = 32 + uint64_t{12} * count;
-    for (int i = 0; i < error.depth(); ++i) size += 2 * uint64_t{error.reason(i).what().size()} + 2;
-
-    auto notify = Osb::MakeSmart<ClientWrite>(client);
-    auto request = Osb::IoRequest::Create(notify, static_cast<uint32_t>(size), 1);
-    uint8_t* out = request->buffer();
-    Protocol::StoreHeader(
-        out, {Protocol::kError, static_cast<uint32_t>(size) - 16, requestId, client->id});
-    uint8_t* body = out + Protocol::kHeaderBytes;
-    Protocol::Store32(body + 0, status);
-    Protocol::Store32(body + 4, count);
-    Protocol::Store32(body + 8, Protocol::kStringRefBytes);
-    Protocol::Store32(body + 12, 16);
-    uint8_t* entry = body + 16;
-    uint32_t stringOffset = 16 + Protocol::kStringRefBytes * count;
-    for (int i = 0; i < error.depth(); ++i) {
-        const std::u16string& what = error.reason(i).what();
-        const uint32_t bytes = static_cast<uint32_t>(2 * what.size() + 2);
-        Protocol::Store32(entry + 0, stringOffset);
-        Protocol::Store32(entry + 4, bytes);
-        Protocol::Store32(entry + 8, Protocol::kStringType);
-        std::memcpy(body + stringOffset, what.data(), bytes - 2);
-        body[stringOffset + bytes - 2] = 0;
-        body[stringOffset + bytes - 1] = 0;
-        entry += Protocol::kStringRefBytes;
-        stringOffset += bytes;
-    }
-    client->send(request);
+    // Only the texts reach the client: source file, line and system status go to the dump.
+    Codec::ErrorReply reply{status, {}};
+    reply.reasons.reserve(static_cast<size_t>(error.depth()));
+    for (int i = 0; i < error.depth(); ++i) reply.reasons.push_back(error.reason(i).what());
+    Codec::Bytes message = NewMessage();
+    Codec::encodeErrorReply(reply, message);
+    SendMessage(client, message, Protocol::kError, requestId);
     DumpReasons(error);
 }
 
-void HandleUnsupported(const ClientSoftRef& client, uint32_t requestId, const RequestBody&) {
+void HandleUnsupported(const ClientSoftRef& client, uint32_t requestId,
+                       const Codec::RequestBody&) {
     ExUnsupported unsupported(OSB_HERE);
     SendError(client, requestId, 0, unsupported);
 }

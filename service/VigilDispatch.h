@@ -9,12 +9,13 @@
 
 #include "platform/Exception.h"
 #include "service/VigilClient.h"
-#include "service/VigilRequestBody.h"
+#include "service/VigilCodecReader.h"
 
 namespace Vigil {
 
 // A request handler. It signals failure by raising; Dispatch turns that into an Error reply.
-using Handler = void (*)(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
+using Handler = void (*)(const ClientSoftRef& client, uint32_t requestId,
+                         const Codec::RequestBody& body);
 
 struct DispatchTable {
     uint32_t family;
@@ -36,6 +37,7 @@ void SendError(const ClientSoftRef& client, uint32_t requestId, uint32_t status,
                const Osb::Exception& error);
 
 // The handler of every slot without one of its own.
-void HandleUnsupported(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
+void HandleUnsupported(const ClientSoftRef& client, uint32_t requestId,
+                       const Codec::RequestBody& body);
 
 }  // namespace Vigil

@@ -1,6 +1,7 @@
 #include "service/VigilHandlers.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "service/VigilClientIo.h"
 #include "service/VigilExceptions.h"
@@ -9,14 +10,42 @@ namespace Vigil {
 
 using namespace Protocol;
 
+void Require(Codec::Result result) {
+    switch (result) {
+        case Codec::Result::kOk:
+            return;
+        case Codec::Result::kInvalidLength:
+            throw ExInvalidLength(OSB_HERE);
+        case Codec::Result::kInvalidDataValues:
+            throw ExInvalidDataValues(OSB_HERE);
+    }
+}
+
+Codec::Bytes NewMessage() { return Codec::Bytes(kHeaderBytes); }
+
+void SendMessage(const ClientSoftRef& client, const Codec::Bytes& message, uint32_t code,
+                 uint32_t requestId) {
+    if (message.size() - kHeaderBytes > UINT32_MAX - kHeaderBytes) {
+        throw std::length_error("reply too long");
+    }
+    const auto size = static_cast<uint32_t>(message.size());
+    auto notify = Osb::MakeSmart<ClientWrite>(client);
+    auto request = Osb::IoRequest::Create(notify, size, 1);
+    uint8_t* out = request->buffer();
+    StoreHeader(out, {code, size - kHeaderBytes, requestId, client->id});
+    std::memcpy(out + kHeaderBytes, message.data() + kHeaderBytes, size - kHeaderBytes);
+    request->length(size);
+    client->send(request);
+}
+
 void HandleHello(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
-    if (body.length < kHelloMinBody) throw ExInvalidLength(OSB_HERE);
-    if (!body.has(0, kHelloMinBody)) throw ExInvalidLength(OSB_HERE);
+    Codec::HelloRequest hello;
+    Require(Codec::decodeHello(body, hello));
 
     // Stored before the version test, so that a refused Hello leaves its values in force.
-    std::memcpy(client->guid.bytes.data(), body.data + 8, kGuidBytes);
-    client->versionMajor = body.field(4);
-    client->versionMinor = body.field(0);
+    client->guid.bytes = hello.guid;
+    client->versionMajor = hello.versionMajor;
+    client->versionMinor = hello.versionMinor;
 
     if (client->versionMajor > kProtocolMajor) throw ExInvalidVersion(OSB_HERE);
     if (client->versionMajor == kProtocolMajor && client->versionMinor > kProtocolMinor) {
@@ -28,41 +57,30 @@ void HandleHello(const ClientSoftRef& client, uint32_t requestId, const RequestB
 
 void HandleConnectionCheck(const ClientSoftRef& client, uint32_t requestId,
                            const RequestBody& body) {
-    if (body.length < kConnectionCheckMinBody) throw ExInvalidLength(OSB_HERE);
-    if (body.field(0) != 0) throw ExInvalidDataValues(OSB_HERE);
+    Require(Codec::decodeConnectionCheck(body));
     SendStatusReply(client, requestId, kConnectionCheckReply);
 }
 
 void HandleConnectionNoop(const ClientSoftRef& client, uint32_t requestId,
                           const RequestBody& body) {
-    if (body.length < kConnectionNoopMinBody) throw ExInvalidLength(OSB_HERE);
+    Require(Codec::decodeConnectionNoop(body));
     SendStatusReply(client, requestId, kConnectionNoopReply);
 }
 
 void SendHelloReply(const ClientSoftRef& client, uint32_t requestId, uint32_t protocolMajor,
                     uint32_t protocolMinor, uint32_t programMajor, uint32_t programMinor,
                     uint32_t programBuild) {
-    auto notify = Osb::MakeSmart<ClientWrite>(client);
-    auto request = Osb::IoRequest::Create(notify, kHeaderBytes + kHelloReplyBody, 1);
-    uint8_t* out = request->buffer();
-    StoreHeader(out, {kHelloReply, kHelloReplyBody, requestId, client->id});
-    uint8_t* body = out + kHeaderBytes;
-    Store32(body + 0, protocolMinor);
-    Store32(body + 4, protocolMajor);
-    Store32(body + 8, client->id);
-    Store32(body + 12, programMajor);
-    Store32(body + 16, programMinor);
-    Store32(body + 20, programBuild);
-    client->send(request);
+    Codec::Bytes message = NewMessage();
+    Codec::encodeHelloReply(
+        {protocolMinor, protocolMajor, client->id, programMajor, programMinor, programBuild},
+        message);
+    SendMessage(client, message, kHelloReply, requestId);
 }
 
 void SendStatusReply(const ClientSoftRef& client, uint32_t requestId, uint32_t code) {
-    auto notify = Osb::MakeSmart<ClientWrite>(client);
-    auto request = Osb::IoRequest::Create(notify, kHeaderBytes + kStatusReplyBody, 1);
-    uint8_t* out = request->buffer();
-    StoreHeader(out, {code, kStatusReplyBody, requestId, client->id});
-    Store32(out + kHeaderBytes, 0);
-    client->send(request);
+    Codec::Bytes message = NewMessage();
+    Codec::encodeEmptyBody(message);
+    SendMessage(client, message, code, requestId);
 }
 
 }  // namespace Vigil

@@ -112,6 +112,7 @@ constexpr uint32_t kStringType = 5;
 // Body offsets that more than one side reads.
 constexpr uint32_t kAddFoldersTableWithOptions = 16;  // ArrayHeader of the layout with options
 constexpr uint32_t kAddFoldersTableShort = 4;         // ArrayHeader of the short layout
+constexpr uint32_t kStatusArrayTable = 4 + kArrayHeaderBytes;  // table behind status, ArrayHeader
 
 struct MessageHeader {
     uint32_t code;

@@ -2,7 +2,7 @@
 // process-wide Watch::Database with the GUID of its Client, and replies. They run under the
 // client's mutex (Dispatch), so the client's fields need no other guard.
 //
-// Refusals. The handlers trust no number in a request:
+// Refusals. The handlers trust no number in a request (the codec's decoders find them):
 //   - bodyLength below the request's minimum, or an ArrayHeader, a table entry or a string whose
 //     offset or extent lies beyond the body in hand (so also an AddFolders with options whose
 //     bodyLength of 16 to 27 leaves its ArrayHeader outside, even for a count of 0):
@@ -26,14 +26,12 @@
 #include <vector>
 
 #include "service/VigilClient.h"
-#include "service/VigilRequestBody.h"
+#include "service/VigilCodec.h"
+#include "service/VigilHandlers.h"
 #include "service/VigilVisibility.h"
 #include "service/VigilWatchTypes.h"
 
 namespace Vigil {
-
-// A folder path is decoded in a buffer of this many UTF-16 units, terminator included.
-constexpr uint32_t kPathBufferUnits = 260;
 
 void HandleGetFolders(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body);
 // Layout with options for a client of version 1 or later, the short layout below that.

@@ -8,6 +8,7 @@
 #include "platform/Utf.h"
 #include "service/VigilClientAccept.h"
 #include "service/VigilClientTable.h"
+#include "service/VigilCodec.h"
 #include "service/VigilDispatch.h"
 #include "service/VigilWatchFolderDatabase.h"
 
@@ -15,13 +16,15 @@ namespace vigil_test {
 
 Reply Connection::receive(int timeoutMs) {
     Reply reply;
-    reply.raw.resize(16);
+    reply.raw.resize(Vigil::Protocol::kHeaderBytes);
     if (!pipe_->waitReadable(timeoutMs)) {
         ADD_FAILURE() << "no reply within " << timeoutMs << " ms";
         throw std::runtime_error("no reply");
     }
-    if (!pipe_->readExact(reply.raw.data(), 16)) throw std::runtime_error("closed before a reply");
-    reply.header = Vigil::Protocol::LoadHeader(reply.raw.data());
+    if (!pipe_->readExact(reply.raw.data(), reply.raw.size())) {
+        throw std::runtime_error("closed before a reply");
+    }
+    Vigil::Codec::decodeHeader(reply.raw, reply.header);
     reply.body.resize(reply.header.bodyLength);
     if (!reply.body.empty() && !pipe_->readExact(reply.body.data(), reply.body.size())) {
         throw std::runtime_error("closed inside a reply");

@@ -1,10 +1,10 @@
 #include "tests/service/ClientHarness.h"
 
-#include <cstring>
 #include <stdexcept>
 
 #include "platform/IoRequest.h"
 #include "platform/MessageTable.h"
+#include "service/VigilCodec.h"
 
 namespace vigil_test {
 
@@ -12,15 +12,14 @@ using namespace Vigil::Protocol;
 
 Bytes Request(uint32_t code, uint32_t clientId, uint32_t requestId, uint32_t bodyLength,
               const Bytes& body) {
-    // Sized once and filled in place (GCC 12 warns falsely on a vector insert after 16 bytes).
-    Bytes m(16 + body.size());
+    // Built whole, then given the bodyLength a test wants to lie about.
+    Bytes m = Vigil::Codec::message(code, requestId, clientId, body);
     StoreHeader(m.data(), {code, bodyLength, requestId, clientId});
-    if (!body.empty()) std::memcpy(m.data() + 16, body.data(), body.size());
     return m;
 }
 
 Bytes Request(uint32_t code, uint32_t clientId, uint32_t requestId, const Bytes& body) {
-    return Request(code, clientId, requestId, static_cast<uint32_t>(body.size()), body);
+    return Vigil::Codec::message(code, requestId, clientId, body);
 }
 
 Bytes Le32(std::initializer_list<uint32_t> values) {
@@ -34,33 +33,18 @@ Bytes Le32(std::initializer_list<uint32_t> values) {
 }
 
 Bytes HelloBody(uint32_t major, uint32_t minor, const Vigil::Watch::Guid& guid) {
-    Bytes body = Le32({minor, major});
-    body.insert(body.end(), guid.bytes.begin(), guid.bytes.end());
+    Bytes body;
+    Vigil::Codec::encodeHello({minor, major, guid.bytes}, body);
     return body;
 }
 
 std::vector<std::u16string> Reply::errorTexts() const {
-    std::vector<std::u16string> texts;
-    if (header.code != kError) return texts;
-    if (body.size() < 16) throw std::runtime_error("short Error body");
-    uint32_t count = Load32(body.data() + 4);
-    uint32_t table = Load32(body.data() + 12);
-    for (uint32_t i = 0; i < count; ++i) {
-        size_t entry = table + size_t{12} * i;
-        if (entry + 12 > body.size()) throw std::runtime_error("Error table past the body");
-        uint32_t offset = Load32(body.data() + entry);
-        uint32_t bytes = Load32(body.data() + entry + 4);
-        if (bytes < 2 || bytes % 2 != 0 || size_t{offset} + bytes > body.size()) {
-            throw std::runtime_error("Error string past the body");
-        }
-        std::u16string text((bytes - 2) / 2, u'\0');
-        std::memcpy(text.data(), body.data() + offset, bytes - 2);
-        if (body[offset + bytes - 2] != 0 || body[offset + bytes - 1] != 0) {
-            throw std::runtime_error("Error string without terminator");
-        }
-        texts.push_back(text);
+    if (header.code != kError) return {};
+    Vigil::Codec::ErrorReply error;
+    if (Vigil::Codec::decodeErrorReply(body, error) != Vigil::Codec::Result::kOk) {
+        throw std::runtime_error("malformed Error body");
     }
-    return texts;
+    return error.reasons;
 }
 
 DrivenClient::DrivenClient() : DrivenClient(Osb::ProcessIdentity()) {}
@@ -70,9 +54,10 @@ DrivenClient::DrivenClient(const Osb::PeerIdentity& peer)
     client_->setSendHookForTesting([this](const Osb::SmartPointer<Osb::IoRequest>& request) {
         Reply reply;
         reply.raw.assign(request->buffer(), request->buffer() + request->length());
-        if (reply.raw.size() < 16) throw std::runtime_error("reply shorter than a header");
-        reply.header = LoadHeader(reply.raw.data());
-        reply.body.assign(reply.raw.begin() + 16, reply.raw.end());
+        if (Vigil::Codec::decodeHeader(reply.raw, reply.header) != Vigil::Codec::Result::kOk) {
+            throw std::runtime_error("reply shorter than a header");
+        }
+        reply.body.assign(reply.raw.begin() + kHeaderBytes, reply.raw.end());
         if (reply.body.size() != reply.header.bodyLength) {
             throw std::runtime_error("bodyLength does not match the reply's size");
         }

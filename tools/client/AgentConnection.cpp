@@ -4,6 +4,7 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/Exception.h"
+#include "service/VigilCodec.h"
 #include "service/VigilProtocol.h"
 
 namespace vigil_client {
@@ -33,7 +34,8 @@ Reply AgentConnection::request(uint32_t code, const Bytes& body, int timeoutMs) 
     uint8_t header[kHeaderBytes];
     if (!pipe_->readExact(header, sizeof(header)))
         throw Osb::ExSystem(Osb::Err::kBrokenPipe, OSB_HERE);
-    MessageHeader h = LoadHeader(header);
+    MessageHeader h{};
+    Vigil::Codec::decodeHeader(header, h);  // cannot fail: the whole header is in hand
     Reply reply{h.code, h.requestId, h.clientId, Bytes(h.bodyLength)};
     if (h.bodyLength > 0 && !pipe_->readExact(reply.body.data(), reply.body.size())) {
         throw Osb::ExSystem(Osb::Err::kBrokenPipe, OSB_HERE);

@@ -1,9 +1,11 @@
-// The client side of the wire format: request bodies built from plain values, reply bodies decoded
-// into them. No I/O. Paths and names are UTF-8 here and UTF-16 on the wire; a name that is not
-// valid UTF-8 on disk still comes and goes unchanged (see platform/Utf.h).
+// The client side of the wire format, a UTF-8 layer over the codec (service/VigilCodec.h): request
+// bodies built from plain values, reply bodies decoded into them. No I/O. Paths and names are UTF-8
+// here and UTF-16 on the wire; a name that is not valid UTF-8 on disk still comes and goes
+// unchanged (see platform/Utf.h).
 //
-// Every decoder checks each offset, count and length against the body it is given and raises
-// DecodeError for a reply that does not hold together, never reading outside the body.
+// Every decoder checks each offset, count and length against the body it is given (the codec's
+// reply rules) and raises DecodeError for a reply that does not hold together, never reading
+// outside the body.
 #pragma once
 
 #include <cstdint>
