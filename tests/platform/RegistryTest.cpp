@@ -11,6 +11,7 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/Registry.h"
+#include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace {
@@ -302,16 +303,28 @@ TEST_F(RegistryTest, DeleteRemovesAKeyWithItsValuesButNotOneWithSubkeys) {
     EXPECT_EQ(Osb::RegDeleteKeyW(Osb::HKeyLocalMachine(), u""), kAccessDenied);
 }
 
+// A plain user may neither read a value it has no right to nor add one to a key it may not write.
 TEST_F(RegistryTest, ReadingAKeyThatMayNotBeReadIsRefused) {
-    if (geteuid() == 0) GTEST_SKIP() << "root reads every file; permissions cannot be tested";
     HKey key = create(u"Software\\Orvanta");
     ASSERT_EQ(setText(key, u"Locale", u"de-DE"), 0);
-    ASSERT_EQ(::chmod(keyDir("Software/Orvanta/Locale").c_str(), 0), 0);
-    EXPECT_EQ(Osb::RegQueryValueExW(key, u"Locale", nullptr, nullptr, nullptr), kAccessDenied);
-    ASSERT_EQ(::chmod(keyDir("Software/Orvanta").c_str(), 0555), 0);
-    EXPECT_EQ(setText(key, u"Other", u"x"), kAccessDenied);
-    ::chmod(keyDir("Software/Orvanta").c_str(), 0755);
     Osb::RegCloseKey(key);
+    ASSERT_EQ(::chmod(keyDir("Software/Orvanta/Locale").c_str(), 0), 0);
+    for (const std::string& folder :
+         {root_.path(), root_ / "etc", root_ / "etc/orvanta", root_ / "etc/orvanta/registry",
+          keyDir(""), keyDir("Software"), keyDir("Software/Orvanta")}) {
+        ASSERT_EQ(::chmod(folder.c_str(), 0755), 0) << folder;
+    }
+    const vigil_test::ChildOutcome outcome = vigil_test::RunAsUser({65534, 65534, {}}, [] {
+        HKey reader = nullptr;
+        const int32_t opened = Osb::RegOpenKeyExW(Osb::HKeyLocalMachine(), u"Software\\Orvanta",
+                                                  0, Reg::kKeyAllAccess, &reader);
+        if (opened != 0) return "open " + std::to_string(opened);
+        return std::to_string(Osb::RegQueryValueExW(reader, u"Locale", nullptr, nullptr, nullptr)) +
+               " " + std::to_string(setText(reader, u"Other", u"x"));
+    });
+    if (outcome.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(outcome.output, "5 5");
+    EXPECT_FALSE(fs::exists(keyDir("Software/Orvanta/Other")));
 }
 
 }  // namespace
