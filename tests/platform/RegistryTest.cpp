@@ -11,6 +11,7 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/Registry.h"
+#include "tests/support/FileText.h"
 #include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
 
@@ -29,11 +30,6 @@ class RegistryTest : public ::testing::Test {
   protected:
     std::string keyDir(const std::string& relative) const {
         return root_ / ("etc/orvanta/registry/HKEY_LOCAL_MACHINE/" + relative);
-    }
-
-    static std::string readFile(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
 
     static void writeFile(const std::string& path, const std::string& text) {
@@ -136,7 +132,7 @@ TEST_F(RegistryTest, ValuesRoundTripThroughTheirFile) {
     HKey key = create(u"Software\\Orvanta\\Mirelle Studio\\14.0");
     const std::u16string locale = u"fr-FR";
     ASSERT_EQ(setText(key, u"Locale", locale), 0);
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/Mirelle Studio/14.0/Locale")), "fr-FR\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Mirelle Studio/14.0/Locale")), "fr-FR\n");
 
     const std::u16string texts[] = {u"", u"Dossier \u00e9t\u00e9 \u65e5\u672c", u"two\nlines\n",
                                     u"\U0001F600", u"C:\\Program Files\\x"};
@@ -183,7 +179,7 @@ TEST_F(RegistryTest, OneFinalNewlineOfTheFileIsNotPartOfTheValue) {
         ASSERT_EQ(setText(key, u"Copy", value), 0);
         std::string expected = row.file;
         if (!expected.empty() && expected.back() == '\n') expected.pop_back();
-        EXPECT_EQ(readFile(keyDir("Software/Orvanta/Copy")), expected + "\n");
+        EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Copy")), expected + "\n");
     }
     Osb::RegCloseKey(key);
 }
@@ -228,11 +224,11 @@ TEST_F(RegistryTest, ValueEndsAtItsFirstZeroUnit) {
     ASSERT_EQ(Osb::RegSetValueExW(key, u"V", Reg::kTypeSz, reinterpret_cast<const uint8_t*>(data),
                                   sizeof(data)),
               0);
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/V")), "abc\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/V")), "abc\n");
     // Without a terminator, all units count; an odd last byte is no unit.
     ASSERT_EQ(
         Osb::RegSetValueExW(key, u"V", Reg::kTypeSz, reinterpret_cast<const uint8_t*>(data), 5), 0);
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/V")), "ab\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/V")), "ab\n");
     Osb::RegCloseKey(key);
 }
 
@@ -264,7 +260,7 @@ TEST_F(RegistryTest, AccessAndArgumentsAreChecked) {
             << std::string(name.begin(), name.end());
         EXPECT_EQ(Osb::RegQueryValueExW(writable, name, nullptr, nullptr, nullptr), kInvalidName);
     }
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/Locale")), "de-DE\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Locale")), "de-DE\n");
     Osb::RegCloseKey(writeOnly);
     Osb::RegCloseKey(readOnly);
     Osb::RegCloseKey(writable);

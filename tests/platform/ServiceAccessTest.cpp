@@ -88,35 +88,6 @@ private:
     char outcome_ = 'F';
 };
 
-// Standard error of this process goes to a file while the object lives.
-class StderrCapture {
-public:
-    explicit StderrCapture(std::string path) : path_(std::move(path)) {
-        fflush(stderr);
-        saved_ = dup(2);
-        const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        dup2(fd, 2);
-        close(fd);
-    }
-    ~StderrCapture() { Stop(); }
-    std::string Stop() {
-        if (saved_ >= 0) {
-            fflush(stderr);
-            dup2(saved_, 2);
-            close(saved_);
-            saved_ = -1;
-        }
-        std::ifstream in(path_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-private:
-    std::string path_;
-    int saved_ = -1;
-};
-
 class ServiceAccessTest : public vigil_test::FakeServiceTest {
 protected:
     void SetUp() override {
@@ -233,7 +204,7 @@ TEST_F(ServiceAccessTest, StrangersLockOnAFileOpenedBeforeCostsTheStartABoundedW
         if (holder.cannotDropRoot()) GTEST_SKIP() << "cannot give up root here";
         ASSERT_TRUE(holder.locked()) << row.path << ": the stranger could not lock it";
 
-        StderrCapture errors(root_ / "stderr.txt");
+        ::testing::internal::CaptureStderr();
         std::atomic<bool> done{false};
         std::atomic<bool> started{false};
         std::atomic<uint32_t> code{0};
@@ -245,7 +216,7 @@ TEST_F(ServiceAccessTest, StrangersLockOnAFileOpenedBeforeCostsTheStartABoundedW
         const bool returned = PollUntil([&] { return done.load(); }, std::chrono::seconds(15));
         holder.Release();  // lets a start that hangs go on, so the thread can be joined
         starter.join();
-        const std::string text = errors.Stop();
+        const std::string text = ::testing::internal::GetCapturedStderr();
         EXPECT_TRUE(returned) << row.path << ": the start waited without limit";
         EXPECT_FALSE(started) << row.path;
         EXPECT_EQ(code.load(), Err::kServiceRequestTimeout) << row.path;

@@ -14,18 +14,13 @@
 #include "platform/ErrorCode.h"
 #include "platform/ServiceControl.h"
 #include "platform/Utf.h"
+#include "tests/support/FileText.h"
+#include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace {
 
 using namespace Osb;
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 class ServiceControlTest : public ::testing::Test {
 protected:
@@ -97,7 +92,7 @@ TEST_F(ServiceControlTest, InstallWritesEveryKeyAndOpenFindsIt) {
         }
         EXPECT_TRUE(CloseServiceHandle(service));
         const std::string text =
-            ReadText(root_ / ("etc/orvanta/services/" + Osb::Utf16ToUtf8(row.name) + ".conf"));
+            vigil_test::FileText(root_ / ("etc/orvanta/services/" + Osb::Utf16ToUtf8(row.name) + ".conf"));
         for (const char* line : row.lines) {
             EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
         }
@@ -217,26 +212,22 @@ TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
 // gives up root, so that the test means something when it runs as root too.
 TEST_F(ServiceControlTest, CallerWhoMayNotWriteTheServicesFolderGetsAccessDenied) {
     ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);  // reachable, but not writable, by others
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
-        if (geteuid() == 0) _exit(101);
-        if (OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE) != nullptr) _exit(102);
-        if (ErrorCode() != Err::kAccessDenied) _exit(103);
+    const vigil_test::ChildOutcome outcome = vigil_test::RunAsUser({65534, 65534, {}}, [] {
+        std::string codes;
+        if (OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE) == nullptr) {
+            codes += std::to_string(ErrorCode());
+        }
         SC_HANDLE reader = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-        if (reader == nullptr) _exit(104);  // connecting needs no write access
-        SC_HANDLE created = CreateServiceW(reader, u"Denied", nullptr, 0,
-                                           SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, 0,
-                                           u"/b", nullptr, nullptr, nullptr, nullptr, nullptr);
-        if (created != nullptr) _exit(105);
-        _exit(ErrorCode() == Err::kAccessDenied ? 0 : 106);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 100) GTEST_SKIP() << "cannot give up root here";
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
+        if (reader == nullptr) return codes + " no connection";  // connecting needs no write
+        if (CreateServiceW(reader, u"Denied", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
+                           SERVICE_DEMAND_START, 0, u"/b", nullptr, nullptr, nullptr, nullptr,
+                           nullptr) == nullptr) {
+            codes += " " + std::to_string(ErrorCode());
+        }
+        return codes;
+    });
+    if (outcome.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(outcome.output, "5 5");
     EXPECT_NE(access((root_ / "etc/orvanta/services/Denied.conf").c_str(), F_OK), 0);
 }
 

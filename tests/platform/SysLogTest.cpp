@@ -18,6 +18,7 @@
 #include "platform/Registry.h"
 #include "platform/SysLog.h"
 #include "platform/Utf.h"
+#include "tests/support/FileText.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/ScopedEnv.h"
 
@@ -39,10 +40,7 @@ class SysLogTest : public ::testing::Test {
         return out;
     }
 
-    std::string contents() const {
-        std::ifstream in(logFile_, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    std::string contents() const { return vigil_test::FileText(logFile_); }
 
     vigil_test::ScratchRoot root_;
     std::string logFile_ = root_ / "events.log";
@@ -241,8 +239,7 @@ class SysLogSourceTest : public SysLogTest {
 TEST_F(SysLogSourceTest, InstallRegistersTheMessageFileAndUninstallRemovesIt) {
     Osb::SysLogInstall(u"Orvanta Vigil Watch 14.0", u"/opt/orvanta/bin/MirelleStudioFileAgent");
     EXPECT_EQ(messageFile(u"Orvanta Vigil Watch 14.0"), u"/opt/orvanta/bin/MirelleStudioFileAgent");
-    std::ifstream in(sourceDir("Orvanta Vigil Watch 14.0") + "/EventMessageFile");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+    EXPECT_EQ(vigil_test::FileText(sourceDir("Orvanta Vigil Watch 14.0") + "/EventMessageFile"),
               "/opt/orvanta/bin/MirelleStudioFileAgent\n");
 
     // A second install replaces the path.
