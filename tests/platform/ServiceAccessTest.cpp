@@ -19,6 +19,7 @@
 
 #include "platform/SystemRoot.h"
 #include "tests/platform/FakeServiceFixture.h"
+#include "tests/support/RunAsUser.h"
 #include "tests/support/ScopedUmask.h"
 
 namespace {
@@ -26,21 +27,9 @@ namespace {
 using namespace Osb;
 using vigil_test::PollUntil;
 
-constexpr int kCannotDropRoot = 100;
-
-// Runs `body` in a child that has given up root for user and group 65534; returns the child's
-// exit status (body's result), or kCannotDropRoot when root cannot be given up here.
-int AsStranger(const std::function<int()>& body) {
-    const pid_t child = fork();
-    if (child < 0) return -1;
-    if (child == 0) {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(kCannotDropRoot);
-        if (geteuid() == 0) _exit(kCannotDropRoot);
-        _exit(body());
-    }
-    int status = 0;
-    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
+// Runs `body` in a child that has given up root for user and group 65534; its result as text.
+vigil_test::ChildOutcome AsStranger(const std::function<int()>& body) {
+    return vigil_test::RunAsUser({65534, 65534, {}}, [&] { return std::to_string(body()); });
 }
 
 // A process of user 65534 that opened `path` while it was 0644, as the manager used to make it,
@@ -134,7 +123,7 @@ TEST_F(ServiceAccessTest, FilesAndEndpointAreTheOwnersAloneEvenUnderAnOpenUmask)
         EXPECT_EQ(vigil_test::ModeOf(folder.c_str()) & 022, 0) << folder;
     }
     const std::vector<std::string> paths = files();
-    const int result = AsStranger([&] {
+    const vigil_test::ChildOutcome result = AsStranger([&] {
         int step = 1;
         for (const std::string& path : paths) {
             // No descriptor, so no lock either; the socket refuses a connect the same way.
@@ -146,12 +135,11 @@ TEST_F(ServiceAccessTest, FilesAndEndpointAreTheOwnersAloneEvenUnderAnOpenUmask)
         }
         return StrangerIsRefused() == 0 ? 0 : 50 + StrangerIsRefused();
     });
-    if (result == kCannotDropRoot) GTEST_SKIP() << "cannot give up root here";
-    EXPECT_EQ(result, 0) << "failed at step " << result;
+    if (result.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(result.output, "0") << "the failed step";
     // As a careless administrator might leave the endpoint: the service itself must still say no.
     ASSERT_EQ(chmod(Scm::EndpointPath("Fake").c_str(), 0666), 0);
-    const int opened = AsStranger([] { return StrangerIsRefused(); });
-    EXPECT_EQ(opened, 0) << "failed at step " << opened;
+    EXPECT_EQ(AsStranger([] { return StrangerIsRefused(); }).output, "0") << "the failed step";
     ASSERT_TRUE(syncLog());
     EXPECT_EQ(log().find("control 1"), std::string::npos) << "a stranger's stop reached the handler";
     EXPECT_EQ(log().find("control 2"), std::string::npos) << "a stranger's pause reached the handler";
