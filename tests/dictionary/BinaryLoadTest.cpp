@@ -68,7 +68,8 @@ INSTANTIATE_TEST_SUITE_P(Versions, Version2Test,
                                            Version2Case{1, true}, Version2Case{7, false},
                                            Version2Case{7, true}, Version2Case{127, true}));
 
-// A 2.x file hides the text entries before it; a second one layers over the first by its base index.
+// A 2.x file hides the text entries before it; a second one layers over the first by its base
+// index.
 TEST(BinaryLoadTest, SecondFileLayersOverTheFirstByItsBaseIndex) {
     Dictionary d;
     d.AddLine(u"/t=from text");
@@ -123,13 +124,15 @@ TEST(BinaryLoadTest, UnknownVersionsAndAMarkBeforeTheMagicLoadNothing) {
     std::vector<FileBytes> files;
     for (auto [major, minor] :
          {std::pair<int, int>{1, 1}, {1, 6}, {3, 0}, {0, 0}, {2, -1}, {-2, 7}, {1, -5}}) {
-        files.emplace_back().Header(static_cast<int8_t>(major), static_cast<int8_t>(minor), 0, true);
+        files.emplace_back().Header(static_cast<int8_t>(major), static_cast<int8_t>(minor), 0,
+                                    true);
         files.back().U32(0);
         AppendBlock(files.back(), {{"/a", u"one"}});
     }
     files.emplace_back().U8(0xFF).U8(0xFE).Raw(Version2File(7, false, {{"/a", u"one"}}).Str());
     for (const FileBytes& f : files) {
-        SCOPED_TRACE(testing::PrintToString(std::vector<uint8_t>(f.bytes.begin() + 21, f.bytes.begin() + 24)));
+        SCOPED_TRACE(testing::PrintToString(
+            std::vector<uint8_t>(f.bytes.begin() + 21, f.bytes.begin() + 24)));
         Dictionary d;
         LoadBytes(d, f.bytes);
         EXPECT_TRUE(d.Valid());

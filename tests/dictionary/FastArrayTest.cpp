@@ -102,8 +102,8 @@ TEST(FastArrayTest, BaseIndexPlacesOrRefusesABlockByTheEntriesBeforeIt) {
     const struct {
         int before;
         bool taken;
-        uint32_t base;        // of the new block
-        uint32_t foundK3;     // the number found for the key both blocks have, if any
+        uint32_t base;     // of the new block
+        uint32_t foundK3;  // the number found for the key both blocks have, if any
     } rows[] = {{0, true, 0, 0}, {12, true, 12, 3}, {13, false, 0, 3}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.before);

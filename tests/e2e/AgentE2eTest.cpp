@@ -88,7 +88,8 @@ class AgentE2eTest : public ::testing::Test {
     }
 
     fs::path productKey() const {
-        return root_ / "etc/orvanta/registry/HKEY_LOCAL_MACHINE/Software/Orvanta/Mirelle Studio/14.0";
+        return root_ /
+               "etc/orvanta/registry/HKEY_LOCAL_MACHINE/Software/Orvanta/Mirelle Studio/14.0";
     }
 
     ScratchRoot root_;
@@ -151,8 +152,8 @@ TEST_F(AgentE2eTest, ConsoleSessionSeesANewFileKeepsItsFolderAndStopsOnEachSigna
                   "Vigil State: STOPPED\nVigil Shutdown ...\n");
         EXPECT_TRUE(connectTraced) << end.out;
         EXPECT_EQ(events(), (std::vector<std::string>{kStarted, kStopped}));
-        EXPECT_TRUE(fs::exists(
-            root_ / "var/lib/Orvanta/Mirelle Studio/File Agent/WatchFolder.3.cache"));
+        EXPECT_TRUE(
+            fs::exists(root_ / "var/lib/Orvanta/Mirelle Studio/File Agent/WatchFolder.3.cache"));
     }
 }
 
@@ -244,7 +245,7 @@ TEST_F(AgentE2eTest, RunsThatCannotGoOnSayWhyAndLeaveNothingBehind) {
     const struct {
         std::vector<std::string> args;
         const char* locale;  // the registry's Locale, or none
-        uint32_t dump;  // the code of the dump expected, or 0
+        uint32_t dump;       // the code of the dump expected, or 0
         int status;
         std::string err;
     } cases[] = {
@@ -314,7 +315,9 @@ TEST_F(AgentE2eTest, InstallRecordsItsModifiersTextsAndPath) {
          AgentPath(),
          {"StartType=2", "ErrorControl=1", "Account=dom\\\\bob"}},
         {{"/DOMAIN", "dom", "/INSTALL"}, nullptr, AgentPath(), {"Account="}},
-        {{"/INSTALL", "/DEPENDENCIES", "Tcpip  Afd"}, nullptr, AgentPath(),
+        {{"/INSTALL", "/DEPENDENCIES", "Tcpip  Afd"},
+         nullptr,
+         AgentPath(),
          {"Dependencies=Tcpip/Afd"}},
         {{"/PORT", "other", "/INSTALL"}, nullptr, AgentPath(), {"BinaryPath=" + AgentPath()}},
         {{"/INSTALL"}, "en_US", AgentPath(), {english, tracks}},

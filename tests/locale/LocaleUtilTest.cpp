@@ -16,9 +16,9 @@ TEST(LocaleUtilTest, FindsRowIgnoringAsciiCase) {
         const char* name;
         uint32_t row;
     } cases[] = {
-        {"en_US", 58}, {"EN_us", 58},   {"en_us", 58},   {"", 0},       {"af_za", 1},
-        {"zu_ZA", 206}, {"ARN_CL", 19}, {"smj_SE", 168}, {"wen_de", 197}, {"az_AZ", 21},
-        {"es_ES", 68},  {"zh_TW", 205},
+        {"en_US", 58},   {"EN_us", 58},  {"en_us", 58},  {"", 0},
+        {"af_za", 1},    {"zu_ZA", 206}, {"ARN_CL", 19}, {"smj_SE", 168},
+        {"wen_de", 197}, {"az_AZ", 21},  {"es_ES", 68},  {"zh_TW", 205},
     };
     for (const auto& c : cases) EXPECT_EQ(LocaleIndexFromName(c.name), c.row) << c.name;
     EXPECT_EQ(lexkit_private::kLocaleIndexEnUs, LocaleIndexFromName("en_US"));

@@ -132,7 +132,8 @@ TEST_F(RegistryTest, ValuesRoundTripThroughTheirFile) {
     HKey key = create(u"Software\\Orvanta\\Mirelle Studio\\14.0");
     const std::u16string locale = u"fr-FR";
     ASSERT_EQ(setText(key, u"Locale", locale), 0);
-    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Mirelle Studio/14.0/Locale")), "fr-FR\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Mirelle Studio/14.0/Locale")),
+              "fr-FR\n");
 
     const std::u16string texts[] = {u"", u"Dossier \u00e9t\u00e9 \u65e5\u672c", u"two\nlines\n",
                                     u"\U0001F600", u"C:\\Program Files\\x"};
@@ -312,8 +313,8 @@ TEST_F(RegistryTest, ReadingAKeyThatMayNotBeReadIsRefused) {
     }
     const vigil_test::ChildOutcome outcome = vigil_test::RunAsUser({65534, 65534, {}}, [] {
         HKey reader = nullptr;
-        const int32_t opened = Osb::RegOpenKeyExW(Osb::HKeyLocalMachine(), u"Software\\Orvanta",
-                                                  0, Reg::kKeyAllAccess, &reader);
+        const int32_t opened = Osb::RegOpenKeyExW(Osb::HKeyLocalMachine(), u"Software\\Orvanta", 0,
+                                                  Reg::kKeyAllAccess, &reader);
         if (opened != 0) return "open " + std::to_string(opened);
         return std::to_string(Osb::RegQueryValueExW(reader, u"Locale", nullptr, nullptr, nullptr)) +
                " " + std::to_string(setText(reader, u"Other", u"x"));

@@ -1,19 +1,17 @@
 // Installing, opening and deleting services, and the error of each refused call, without running
 // any service process.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <vector>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
 #include "platform/Console.h"
 #include "platform/ErrorCode.h"
 #include "platform/ServiceControl.h"
-#include "platform/Utf.h"
 #include "tests/support/FileText.h"
 #include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
@@ -43,9 +41,9 @@ protected:
 
     // A service installed for the rest of the test; its handle is closed at the end.
     SC_HANDLE installed(const char16_t* name, uint32_t start, const char16_t* binary) {
-        SC_HANDLE service = CreateServiceW(manager_, name, nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
-                                           start, 0, binary, nullptr, nullptr, nullptr, nullptr,
-                                           nullptr);
+        SC_HANDLE service =
+            CreateServiceW(manager_, name, nullptr, 0, SERVICE_WIN32_OWN_PROCESS, start, 0, binary,
+                           nullptr, nullptr, nullptr, nullptr, nullptr);
         EXPECT_NE(service, nullptr) << ErrorCode();
         installed_.push_back(service);
         return service;
@@ -56,55 +54,47 @@ protected:
     SC_HANDLE manager_ = nullptr;
 };
 
-// Every key is written, with its escapes; an absent value is empty and the display name defaults
-// to the name. The password is never kept, and the tag is 0.
 TEST_F(ServiceControlTest, InstallWritesEveryKeyAndOpenFindsIt) {
-    const struct {
-        const char16_t* name;
-        const char16_t* display;
-        uint32_t start, errorControl;
-        const char16_t* dependencies;
-        const char16_t* account;
-        const char16_t* description;
-        std::vector<const char*> lines;
-    } rows[] = {
-        {u"Agent", u"Shown\nName", SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, u"First\0Second\0",
-         u"dom\\bob", u"Tracks\r\nfiles",
+    uint32_t tag = 77;
+    SC_HANDLE service = CreateServiceW(
+        manager_, u"Agent", u"Shown\nName", SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
+        SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, u"/opt/agent/agent", nullptr, &tag,
+        u"First\0Second\0", u"dom\\bob", u"secret");
+    ASSERT_NE(service, nullptr) << ErrorCode();
+    EXPECT_EQ(tag, 0u);
+    SERVICE_DESCRIPTIONW description = {const_cast<char16_t*>(u"Tracks\r\nfiles")};
+    ASSERT_TRUE(ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description));
+    EXPECT_TRUE(CloseServiceHandle(service));
+
+    std::string text = vigil_test::FileText(root_ / "etc/orvanta/services/Agent.conf");
+    for (const char* line :
          {"DisplayName=Shown\\nName\n", "Description=Tracks\\r\\nfiles\n",
           "BinaryPath=/opt/agent/agent\n", "StartType=2\n", "ErrorControl=1\n",
-          "Account=dom\\\\bob\n", "Dependencies=First/Second\n"}},
-        {u"Bare", nullptr, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE, nullptr, nullptr, nullptr,
-         {"DisplayName=Bare\n", "Description=\n", "Account=\n", "Dependencies=\n",
-          "StartType=3\n", "ErrorControl=0\n"}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(Osb::Utf16ToUtf8(row.name));
-        uint32_t tag = 77;
-        SC_HANDLE service = CreateServiceW(
-            manager_, row.name, row.display, SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
-            row.start, row.errorControl, u"/opt/agent/agent", nullptr, &tag, row.dependencies,
-            row.account, u"secret");
-        ASSERT_NE(service, nullptr) << ErrorCode();
-        EXPECT_EQ(tag, 0u);
-        if (row.description != nullptr) {
-            SERVICE_DESCRIPTIONW description = {const_cast<char16_t*>(row.description)};
-            ASSERT_TRUE(ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description));
-        }
-        EXPECT_TRUE(CloseServiceHandle(service));
-        const std::string text =
-            vigil_test::FileText(root_ / ("etc/orvanta/services/" + Osb::Utf16ToUtf8(row.name) + ".conf"));
-        for (const char* line : row.lines) {
-            EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
-        }
-        EXPECT_EQ(text.find("secret"), std::string::npos) << "the password must not be kept";
+          "Account=dom\\\\bob\n", "Dependencies=First/Second\n"}) {
+        EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
+    }
+    EXPECT_EQ(text.find("secret"), std::string::npos) << "the password must not be kept";
 
-        SC_HANDLE opened = OpenServiceW(manager_, row.name, SERVICE_ALL_ACCESS);
-        ASSERT_NE(opened, nullptr) << ErrorCode();
-        SERVICE_STATUS status = {};
-        ASSERT_TRUE(QueryServiceStatus(opened, &status));
-        EXPECT_EQ(status.dwCurrentState, SERVICE_STOPPED);
-        EXPECT_EQ(status.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
-        EXPECT_TRUE(CloseServiceHandle(opened));
+    SC_HANDLE opened = OpenServiceW(manager_, u"Agent", SERVICE_ALL_ACCESS);
+    ASSERT_NE(opened, nullptr) << ErrorCode();
+    SERVICE_STATUS status = {};
+    ASSERT_TRUE(QueryServiceStatus(opened, &status));
+    EXPECT_EQ(status.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(status.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
+    EXPECT_TRUE(CloseServiceHandle(opened));
+}
+
+TEST_F(ServiceControlTest, AbsentValuesAreEmptyAndDisplayNameDefaultsToTheName) {
+    SC_HANDLE service = CreateServiceW(manager_, u"Bare", nullptr, SERVICE_ALL_ACCESS,
+                                       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                                       SERVICE_ERROR_IGNORE, u"/b", nullptr, nullptr, nullptr,
+                                       nullptr, nullptr);
+    ASSERT_NE(service, nullptr) << ErrorCode();
+    CloseServiceHandle(service);
+    const std::string text = vigil_test::FileText(root_ / "etc/orvanta/services/Bare.conf");
+    for (const char* line : {"DisplayName=Bare\n", "Description=\n", "Account=\n",
+                             "Dependencies=\n", "StartType=3\n", "ErrorControl=0\n"}) {
+        EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
     }
 }
 
@@ -166,10 +156,9 @@ TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
         {"remote machine",
          [&] { return OpenSCManagerW(u"\\\\far", nullptr, SC_MANAGER_CONNECT) != nullptr; },
          Err::kInvalidParameter},
-        {"service handle as manager",
-         [&] { return OpenServiceW(existing, u"Here", 0) != nullptr; }, Err::kInvalidHandle},
-        {"manager handle as service", [&] { return DeleteService(manager_); },
+        {"service handle as manager", [&] { return OpenServiceW(existing, u"Here", 0) != nullptr; },
          Err::kInvalidHandle},
+        {"manager handle as service", [&] { return DeleteService(manager_); }, Err::kInvalidHandle},
         {"control stopped service",
          [&] { return ControlService(existing, SERVICE_CONTROL_PAUSE, &status); },
          Err::kServiceNotActive},
@@ -185,10 +174,12 @@ TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
              return StartServiceCtrlDispatcherW(table);
          },
          Err::kFailedServiceControllerConnect},
-        {"status without registration",
-         [&] { return SetServiceStatus(nullptr, status); }, Err::kInvalidHandle},
+        {"status without registration", [&] { return SetServiceStatus(nullptr, status); },
+         Err::kInvalidHandle},
         {"start of a disabled service",
-         [&] { return StartServiceW(installed(u"Off", SERVICE_DISABLED, u"/bin/true"), 0, nullptr); },
+         [&] {
+             return StartServiceW(installed(u"Off", SERVICE_DISABLED, u"/bin/true"), 0, nullptr);
+         },
          Err::kServiceDisabled},
         {"start of a missing binary",
          [&] {

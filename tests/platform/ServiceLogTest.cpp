@@ -130,7 +130,8 @@ TEST(RotatingLogTest, AnOverlongLineGoesAloneAndAnUnendedOneWaitsForFlush) {
     log.write("a line longer than the limit\n");
     log.write("tail without end");
     EXPECT_EQ(vigil_test::FileText(path + ".1"), "short\n");
-    EXPECT_EQ(vigil_test::FileText(path), "a line longer than the limit\n") << "the waiting piece went out";
+    EXPECT_EQ(vigil_test::FileText(path), "a line longer than the limit\n")
+        << "the waiting piece went out";
     log.flush();
     EXPECT_EQ(vigil_test::FileText(path + ".1"), "a line longer than the limit\n");
     EXPECT_EQ(vigil_test::FileText(path + ".2"), "short\n");

@@ -19,8 +19,8 @@
 #include "platform/SysLog.h"
 #include "platform/Utf.h"
 #include "tests/support/FileText.h"
-#include "tests/support/ScratchRoot.h"
 #include "tests/support/ScopedEnv.h"
+#include "tests/support/ScratchRoot.h"
 
 namespace {
 

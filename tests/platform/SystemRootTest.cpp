@@ -11,8 +11,8 @@
 #include "platform/ErrorCode.h"
 #include "platform/SystemRoot.h"
 #include "tests/support/RunAsUser.h"
-#include "tests/support/ScratchRoot.h"
 #include "tests/support/ScopedEnv.h"
+#include "tests/support/ScratchRoot.h"
 
 namespace {
 
