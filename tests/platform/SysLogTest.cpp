@@ -269,9 +269,9 @@ TEST_F(SysLogSourceTest, FailuresRaiseTheWindowsCode) {
     fs::create_directories(sourceDir("Kept") + "/Sub");
     EXPECT_EQ(failureOf([] { Osb::SysLogUninstall(u"Kept"); }), 5u);
     EXPECT_EQ(messageFile(u"Kept"), u"/x");
-}
 
-TEST_F(SysLogSourceTest, InstallFailsWhereTheRegistryCannotBeMade) {
+    // Where the registry cannot be made.
+    fs::remove_all(root_ / "etc");
     std::ofstream(root_ / "etc") << "not a folder";
     EXPECT_EQ(failureOf([] { Osb::SysLogInstall(u"Orvanta Vigil Watch 14.0", u"/x"); }), 3u);
 }
