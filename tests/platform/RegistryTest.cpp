@@ -88,7 +88,19 @@ TEST_F(RegistryTest, CreateMakesEveryMissingKeyAndTellsWhetherItWasNew) {
                                    Reg::kKeyAllAccess, &key, &disposition),
               0);
     EXPECT_EQ(disposition, Reg::kOpenedExistingKey);
-    Osb::RegCloseKey(key);
+
+    // Keys open relative to an open key.
+    HKey version = nullptr;
+    ASSERT_EQ(Osb::RegCreateKeyExW(key, u"Sub", Reg::kKeyAllAccess, &version, &disposition), 0);
+    EXPECT_EQ(disposition, Reg::kCreatedNewKey);
+    ASSERT_EQ(setText(version, u"Locale", u"ja-JP"), 0);
+    HKey again = nullptr;
+    ASSERT_EQ(Osb::RegOpenKeyExW(key, u"Sub", 0, Reg::kKeyRead, &again), 0);
+    std::u16string value;
+    EXPECT_EQ(queryText(again, u"Locale", value), 0);
+    EXPECT_EQ(value, u"ja-JP");
+    for (HKey opened : {again, version, key}) EXPECT_EQ(Osb::RegCloseKey(opened), 0);
+    EXPECT_TRUE(fs::exists(keyDir("Software/Orvanta/Mirelle Studio/14.0/Sub/Locale")));
 }
 
 TEST_F(RegistryTest, OpeningAMissingKeyGivesTwoAndCreatesNothing) {
@@ -265,22 +277,6 @@ TEST_F(RegistryTest, AccessAndArgumentsAreChecked) {
     Osb::RegCloseKey(writeOnly);
     Osb::RegCloseKey(readOnly);
     Osb::RegCloseKey(writable);
-}
-
-TEST_F(RegistryTest, KeysOpenRelativeToAnOpenKey) {
-    HKey product = create(u"Software\\Orvanta\\Mirelle Studio");
-    HKey version = nullptr;
-    uint32_t disposition = 0;
-    ASSERT_EQ(Osb::RegCreateKeyExW(product, u"14.0", Reg::kKeyAllAccess, &version, &disposition),
-              0);
-    EXPECT_EQ(disposition, Reg::kCreatedNewKey);
-    ASSERT_EQ(setText(version, u"Locale", u"ja-JP"), 0);
-    HKey again = nullptr;
-    ASSERT_EQ(Osb::RegOpenKeyExW(product, u"14.0", 0, Reg::kKeyRead, &again), 0);
-    std::u16string value;
-    EXPECT_EQ(queryText(again, u"Locale", value), 0);
-    EXPECT_EQ(value, u"ja-JP");
-    for (HKey key : {again, version, product}) EXPECT_EQ(Osb::RegCloseKey(key), 0);
 }
 
 TEST_F(RegistryTest, DeleteRemovesAKeyWithItsValuesButNotOneWithSubkeys) {
