@@ -96,37 +96,35 @@ TEST(FastArrayTest, OutOfRangeAndDeadNumbersAnswerNothing) {
     }
 }
 
-TEST(FastArrayTest, FirstFileKeepsBlockZeroAtBaseZeroWhateverItsBaseIndex) {
-    FastArray a;
-    BlockOptions options;
-    options.baseIndex = 12;
-    ASSERT_EQ(ReadBlockInto(a, {{"/a", u"one"}}, options), 0u);
-    EXPECT_EQ(a.BlockBaseForTesting(0), 0u);
-    EXPECT_EQ(FindText(a, "/a"), 0u);
-}
-
-TEST(FastArrayTest, BaseIndexEqualToTheEntryCountAppendsWithoutDuplicateTest) {
-    FastArray a;
-    ASSERT_EQ(ReadBlockInto(a, Numbered(0, 12, u"old")), 0u);
-    BlockOptions options;
-    options.baseIndex = 12;
-    ASSERT_EQ(ReadBlockInto(a, {{"/k3", u"again"}, {"/new", u"n"}}, options), 0u);
-    EXPECT_EQ(a.EntryCount(), 14u);
-    EXPECT_EQ(a.BlockBaseForTesting(1), 12u);
-    EXPECT_EQ(FindText(a, "/k3"), 3u) << "the older entry stays first in its bucket";
-    EXPECT_EQ(a.GetValue(12).Text(), u"again");
-    EXPECT_EQ(FindText(a, "/new"), 13u);
-}
-
-TEST(FastArrayTest, BaseIndexThatDiffersFromTheEntryCountIsRefused) {
-    FastArray a;
-    ASSERT_EQ(ReadBlockInto(a, Numbered(0, 13, u"old")), 0u);
-    BlockOptions options;
-    options.baseIndex = 12;
-    EXPECT_EQ(ReadBlockInto(a, {{"/new", u"n"}}, options), FastArray::kNotFound);
-    EXPECT_EQ(a.EntryCount(), 13u);
-    EXPECT_EQ(a.BlockCount(), 1u);
-    EXPECT_EQ(FindText(a, "/new"), FastArray::kNotFound);
+// A block with base index 12: on an empty array it is block 0 at base 0 whatever it says; on 12
+// entries it is appended with no test for duplicate keys; on 13 it is refused and adds nothing.
+TEST(FastArrayTest, BaseIndexPlacesOrRefusesABlockByTheEntriesBeforeIt) {
+    const struct {
+        int before;
+        bool taken;
+        uint32_t base;     // of the new block
+        uint32_t foundK3;  // the number found for the key both blocks have, if any
+    } rows[] = {{0, true, 0, 0}, {12, true, 12, 3}, {13, false, 0, 3}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.before);
+        FastArray a;
+        if (row.before > 0) {
+            ASSERT_EQ(ReadBlockInto(a, Numbered(0, row.before, u"old")), 0u);
+        }
+        BlockOptions options;
+        options.baseIndex = 12;
+        EXPECT_EQ(ReadBlockInto(a, {{"/k3", u"again"}, {"/new", u"n"}}, options),
+                  row.taken ? 0u : FastArray::kNotFound);
+        const uint32_t count = static_cast<uint32_t>(row.before) + (row.taken ? 2 : 0);
+        EXPECT_EQ(a.EntryCount(), count);
+        EXPECT_EQ(a.BlockCount(), row.before > 0 && row.taken ? 2u : 1u);
+        EXPECT_EQ(FindText(a, "/new"), row.taken ? count - 1 : FastArray::kNotFound);
+        EXPECT_EQ(FindText(a, "/k3"), row.foundK3) << "the older entry stays first in its bucket";
+        if (row.taken) {
+            EXPECT_EQ(a.BlockBaseForTesting(a.BlockCount() - 1), row.base);
+            EXPECT_EQ(a.GetValue(row.base).Text(), u"again");
+        }
+    }
 }
 
 TEST(FastArrayTest, BaseIndexZeroOverAFilledArrayReplacesSharedKeysAndAppendsTheRest) {

@@ -1,36 +1,29 @@
 // The cache file through the built executable when a save cannot finish: the process killed at
-// random moments under a steady stream of changes, and a disk that fills up. Whatever happens, the
-// file holds one whole list that a client was told about, or the list of the request that was
-// under way, and the next start loads it.
+// random moments under a steady stream of changes. Whatever happens, the file holds one whole list
+// that a client was told about, or the list of the request that was under way, and the next start
+// loads it.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "platform/ErrorCode.h"
 #include "platform/Exception.h"
 #include "platform/Utf.h"
 #include "tests/e2e/AgentProcess.h"
-#include "tests/support/FileNamesIn.h"
 #include "tests/support/PollUntil.h"
-#include "tests/support/ScopedEnv.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/Utf16Le.h"
 #include "tools/client/AgentConnection.h"
@@ -251,92 +244,6 @@ TEST(CacheDurabilityE2eTest, KilledAtRandomMomentsTheFileIsAlwaysAWholeAcknowled
     }
     std::printf("%d rounds, %d killed just after a save began, %d left a temporary file\n", kRounds,
                 killedInSave, leftTemporary);
-}
-
-// Unmounts the file system mounted at `path` when it goes.
-class ScopedMount {
-  public:
-    ScopedMount(const std::string& path, const char* options) : path_(path) {
-        fs::create_directories(path);
-        if (mount("tmpfs", path.c_str(), "tmpfs", 0, options) == 0) {
-            mounted_ = true;
-        } else {
-            error_ = std::strerror(errno);
-        }
-    }
-    ~ScopedMount() {
-        if (mounted_) umount2(path_.c_str(), MNT_DETACH);
-    }
-    ScopedMount(const ScopedMount&) = delete;
-    ScopedMount& operator=(const ScopedMount&) = delete;
-
-    bool mounted() const { return mounted_; }
-    const std::string& error() const { return error_; }
-
-  private:
-    std::string path_;
-    bool mounted_ = false;
-    std::string error_;
-};
-
-TEST(CacheDurabilityE2eTest, AFullDiskFailsTheRequestAndKeepsTheFileWholeForTheNextStart) {
-    setenv("LC_ALL", "C", 1);
-    ScratchRoot root;
-    const List pool = MakePool(root, 160);
-    // A root of its own on a disk of 16 pages; the watched folders stay outside it.
-    const std::string disk = root / "disk";
-    const ScopedMount mount(disk, "size=64k,mode=0755");
-    if (!mount.mounted()) GTEST_SKIP() << "cannot mount a small tmpfs here: " << mount.error();
-    const ScopedEnv systemRoot("VIGIL_SYSTEM_ROOT", disk.c_str());
-    fs::create_directories(disk + "/var/lib");
-    const std::string current = disk + "/" + kDataTail + "WatchFolder.3.cache";
-
-    const std::string diskFull = Osb::Utf16ToUtf8(Osb::ErrorText(Osb::Err::kDiskFull));
-    List acked;
-    List refusedBatch;
-    {
-        RunningAgent agent({"/PORT", kPipe});
-        ASSERT_TRUE(agent.waitForOutput("Vigil State: RUNNING\n"));
-        vigil_client::AgentConnection client(Osb::Utf8ToUtf16(kPipe));
-        client.hello(kGuid, 1, 0);
-        for (size_t at = 0; at < pool.size() && refusedBatch.empty(); at += 10) {
-            const List batch(pool.begin() + static_cast<long>(at),
-                             pool.begin() + static_cast<long>(std::min(at + 10, pool.size())));
-            try {
-                client.addFolders(kOptions, batch);
-                acked = Added(acked, batch);
-            } catch (const vigil_client::RequestRefused& refused) {
-                // The reply says why in words; the code itself goes to standard error.
-                ASSERT_FALSE(refused.reply().reasons.empty());
-                EXPECT_EQ(refused.reply().reasons[0].rfind(diskFull, 0), 0u)
-                    << refused.reply().reasons[0];
-                refusedBatch = batch;
-            }
-        }
-        ASSERT_FALSE(refusedBatch.empty()) << "the disk never filled up";
-        ASSERT_GE(acked.size(), 10u);
-        // The last list that was acknowledged, whole, and nothing left behind.
-        EXPECT_EQ(BytesAt(current), FileFor(acked));
-        EXPECT_EQ(FileNamesIn(disk + "/" + kDataTail),
-                  std::set<std::string>{"WatchFolder.3.cache"});
-        // The service lives on: the refused folders are in its table until it stops.
-        EXPECT_EQ(client.getFolders(), Added(acked, refusedBatch));
-        agent.signal(SIGINT);
-        const Finished run = agent.wait();
-        EXPECT_EQ(run.status, 0);
-        EXPECT_NE(run.err.find("Operating System status = 112\n"), std::string::npos) << run.err;
-    }
-    RunningAgent agent({"/PORT", kPipe});
-    ASSERT_TRUE(agent.waitForOutput("Vigil State: RUNNING\n"));
-    vigil_client::AgentConnection client(Osb::Utf8ToUtf16(kPipe));
-    client.hello(kGuid, 1, 0);
-    EXPECT_EQ(client.getFolders(), acked);
-    // A change that fits saves again.
-    const List gone(acked.begin(), acked.begin() + static_cast<long>(acked.size() / 2));
-    client.removeFolders(false, gone);
-    EXPECT_EQ(BytesAt(current), FileFor(Removed(acked, gone)));
-    agent.signal(SIGINT);
-    EXPECT_EQ(agent.wait().status, 0);
 }
 
 }  // namespace

@@ -181,37 +181,6 @@ class ConnectionE2eTest : public ::testing::Test {
     pid_t pid_ = -1;
 };
 
-// Each client says Hello, asks twice for a large reply and closes without reading either. The
-// descriptors come back to their number before the clients, and the memory to its level after a
-// first round of the same clients.
-TEST_F(ConnectionE2eTest, ClientsLeavingWithLargeRepliesUnreadGiveBackDescriptorsAndMemory) {
-    start();
-    const size_t socketsAlone = Sockets(pid_);
-    ASSERT_GT(makeLargeChanges(2000), 300u * 1024);
-    auto leaveUnread = [&](int clients) {
-        for (int i = 0; i < clients; ++i) {
-            std::unique_ptr<Osb::PipeClient> pipe;
-            const uint32_t id = ConnectAndHello(pipe);
-            ASSERT_NE(id, 0u) << "client " << i << " was not answered";
-            Bytes requests = GetChanges(id, 2);
-            pipe->writeAll(requests.data(), requests.size());
-        }
-    };
-    leaveUnread(100);
-    ASSERT_TRUE(PollUntil([&] { return Sockets(pid_) == socketsAlone; }))
-        << Sockets(pid_) << " sockets, " << socketsAlone << " before the clients";
-    const size_t descriptors = Descriptors(pid_);
-    const long warmKb = ResidentKb(pid_);
-
-    leaveUnread(1000);
-    EXPECT_TRUE(PollUntil([&] { return Sockets(pid_) == socketsAlone; }))
-        << Sockets(pid_) << " sockets, " << socketsAlone << " before the clients";
-    EXPECT_EQ(Descriptors(pid_), descriptors);
-    const long allowedKb = warmKb + warmKb / 10 + 16 * 1024;
-    EXPECT_TRUE(!kMemoryMeasured || PollUntil([&] { return ResidentKb(pid_) <= allowedKb; }, 5s))
-        << ResidentKb(pid_) << " kB resident, " << warmKb << " kB before the 1,000 clients";
-}
-
 // With 64 descriptors the service runs out while clients keep coming: its accept thread then
 // waits instead of trying again and again, and once the clients leave, new ones are served.
 TEST_F(ConnectionE2eTest, OutOfDescriptorsAcceptingIdlesAndResumesWhenClientsLeave) {
@@ -241,12 +210,38 @@ TEST_F(ConnectionE2eTest, OutOfDescriptorsAcceptingIdlesAndResumesWhenClientsLea
     }
 }
 
-// One client sends hundreds of requests with large replies and reads none of them: the service
-// stops reading it near the bound, so its memory stays flat, while another client is answered at
-// once. When the first one reads at last, every reply comes, in order.
-TEST_F(ConnectionE2eTest, ClientThatNeverReadsCostsBoundedMemoryWhileAnotherIsServed) {
+// Clients that say Hello, ask twice for a large reply and close without reading either give back
+// their descriptors, and after a first round of the same clients, their memory. Then one client
+// sends hundreds of requests with large replies and reads none of them: the service stops reading
+// it near the bound, so its memory stays flat, while another client is answered at once. When the
+// first one reads at last, every reply comes, in order.
+TEST_F(ConnectionE2eTest, ClientsThatLeaveOrNeverReadCostBoundedDescriptorsAndMemory) {
     start();
+    const size_t socketsAlone = Sockets(pid_);
     const size_t replyBytes = makeLargeChanges(2000);
+    ASSERT_GT(replyBytes, 300u * 1024);
+    auto leaveUnread = [&](int clients) {
+        for (int i = 0; i < clients; ++i) {
+            std::unique_ptr<Osb::PipeClient> pipe;
+            const uint32_t id = ConnectAndHello(pipe);
+            ASSERT_NE(id, 0u) << "client " << i << " was not answered";
+            Bytes requests = GetChanges(id, 2);
+            pipe->writeAll(requests.data(), requests.size());
+        }
+    };
+    leaveUnread(100);
+    ASSERT_TRUE(PollUntil([&] { return Sockets(pid_) == socketsAlone; }))
+        << Sockets(pid_) << " sockets, " << socketsAlone << " before the clients";
+    const size_t descriptors = Descriptors(pid_);
+    const long warmKb = ResidentKb(pid_);
+    leaveUnread(1000);
+    EXPECT_TRUE(PollUntil([&] { return Sockets(pid_) == socketsAlone; }))
+        << Sockets(pid_) << " sockets, " << socketsAlone << " before the clients";
+    EXPECT_EQ(Descriptors(pid_), descriptors);
+    const long allowedKb = warmKb + warmKb / 10 + 16 * 1024;
+    EXPECT_TRUE(!kMemoryMeasured || PollUntil([&] { return ResidentKb(pid_) <= allowedKb; }, 5s))
+        << ResidentKb(pid_) << " kB resident, " << warmKb << " kB before the 1,000 clients";
+
     constexpr uint32_t kRequests = 300;
     std::unique_ptr<Osb::PipeClient> greedy;
     const uint32_t greedyId = ConnectAndHello(greedy);

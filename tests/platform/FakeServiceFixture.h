@@ -17,6 +17,7 @@
 #include "platform/ServiceControl.h"
 #include "platform/Utf.h"
 #include "platform/posix/ServiceFiles.h"
+#include "tests/support/FileText.h"
 #include "tests/support/PollUntil.h"
 #include "tests/support/ScratchRoot.h"
 
@@ -69,10 +70,7 @@ protected:
         return Osb::StartServiceW(service != nullptr ? service : service_, 0, nullptr);
     }
     std::string log(const std::string& name = "Fake") {
-        std::ifstream in(root_ / ("var/log/orvanta/" + name + ".log"));
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
+        return vigil_test::FileText(root_ / ("var/log/orvanta/" + name + ".log"));
     }
     uint32_t state() {
         Osb::SERVICE_STATUS status = {};

@@ -11,6 +11,8 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/Registry.h"
+#include "tests/support/FileText.h"
+#include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace {
@@ -28,11 +30,6 @@ class RegistryTest : public ::testing::Test {
   protected:
     std::string keyDir(const std::string& relative) const {
         return root_ / ("etc/orvanta/registry/HKEY_LOCAL_MACHINE/" + relative);
-    }
-
-    static std::string readFile(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
 
     static void writeFile(const std::string& path, const std::string& text) {
@@ -91,7 +88,19 @@ TEST_F(RegistryTest, CreateMakesEveryMissingKeyAndTellsWhetherItWasNew) {
                                    Reg::kKeyAllAccess, &key, &disposition),
               0);
     EXPECT_EQ(disposition, Reg::kOpenedExistingKey);
-    Osb::RegCloseKey(key);
+
+    // Keys open relative to an open key.
+    HKey version = nullptr;
+    ASSERT_EQ(Osb::RegCreateKeyExW(key, u"Sub", Reg::kKeyAllAccess, &version, &disposition), 0);
+    EXPECT_EQ(disposition, Reg::kCreatedNewKey);
+    ASSERT_EQ(setText(version, u"Locale", u"ja-JP"), 0);
+    HKey again = nullptr;
+    ASSERT_EQ(Osb::RegOpenKeyExW(key, u"Sub", 0, Reg::kKeyRead, &again), 0);
+    std::u16string value;
+    EXPECT_EQ(queryText(again, u"Locale", value), 0);
+    EXPECT_EQ(value, u"ja-JP");
+    for (HKey opened : {again, version, key}) EXPECT_EQ(Osb::RegCloseKey(opened), 0);
+    EXPECT_TRUE(fs::exists(keyDir("Software/Orvanta/Mirelle Studio/14.0/Sub/Locale")));
 }
 
 TEST_F(RegistryTest, OpeningAMissingKeyGivesTwoAndCreatesNothing) {
@@ -135,7 +144,8 @@ TEST_F(RegistryTest, ValuesRoundTripThroughTheirFile) {
     HKey key = create(u"Software\\Orvanta\\Mirelle Studio\\14.0");
     const std::u16string locale = u"fr-FR";
     ASSERT_EQ(setText(key, u"Locale", locale), 0);
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/Mirelle Studio/14.0/Locale")), "fr-FR\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Mirelle Studio/14.0/Locale")),
+              "fr-FR\n");
 
     const std::u16string texts[] = {u"", u"Dossier \u00e9t\u00e9 \u65e5\u672c", u"two\nlines\n",
                                     u"\U0001F600", u"C:\\Program Files\\x"};
@@ -182,7 +192,7 @@ TEST_F(RegistryTest, OneFinalNewlineOfTheFileIsNotPartOfTheValue) {
         ASSERT_EQ(setText(key, u"Copy", value), 0);
         std::string expected = row.file;
         if (!expected.empty() && expected.back() == '\n') expected.pop_back();
-        EXPECT_EQ(readFile(keyDir("Software/Orvanta/Copy")), expected + "\n");
+        EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Copy")), expected + "\n");
     }
     Osb::RegCloseKey(key);
 }
@@ -227,11 +237,11 @@ TEST_F(RegistryTest, ValueEndsAtItsFirstZeroUnit) {
     ASSERT_EQ(Osb::RegSetValueExW(key, u"V", Reg::kTypeSz, reinterpret_cast<const uint8_t*>(data),
                                   sizeof(data)),
               0);
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/V")), "abc\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/V")), "abc\n");
     // Without a terminator, all units count; an odd last byte is no unit.
     ASSERT_EQ(
         Osb::RegSetValueExW(key, u"V", Reg::kTypeSz, reinterpret_cast<const uint8_t*>(data), 5), 0);
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/V")), "ab\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/V")), "ab\n");
     Osb::RegCloseKey(key);
 }
 
@@ -263,26 +273,10 @@ TEST_F(RegistryTest, AccessAndArgumentsAreChecked) {
             << std::string(name.begin(), name.end());
         EXPECT_EQ(Osb::RegQueryValueExW(writable, name, nullptr, nullptr, nullptr), kInvalidName);
     }
-    EXPECT_EQ(readFile(keyDir("Software/Orvanta/Locale")), "de-DE\n");
+    EXPECT_EQ(vigil_test::FileText(keyDir("Software/Orvanta/Locale")), "de-DE\n");
     Osb::RegCloseKey(writeOnly);
     Osb::RegCloseKey(readOnly);
     Osb::RegCloseKey(writable);
-}
-
-TEST_F(RegistryTest, KeysOpenRelativeToAnOpenKey) {
-    HKey product = create(u"Software\\Orvanta\\Mirelle Studio");
-    HKey version = nullptr;
-    uint32_t disposition = 0;
-    ASSERT_EQ(Osb::RegCreateKeyExW(product, u"14.0", Reg::kKeyAllAccess, &version, &disposition),
-              0);
-    EXPECT_EQ(disposition, Reg::kCreatedNewKey);
-    ASSERT_EQ(setText(version, u"Locale", u"ja-JP"), 0);
-    HKey again = nullptr;
-    ASSERT_EQ(Osb::RegOpenKeyExW(product, u"14.0", 0, Reg::kKeyRead, &again), 0);
-    std::u16string value;
-    EXPECT_EQ(queryText(again, u"Locale", value), 0);
-    EXPECT_EQ(value, u"ja-JP");
-    for (HKey key : {again, version, product}) EXPECT_EQ(Osb::RegCloseKey(key), 0);
 }
 
 TEST_F(RegistryTest, DeleteRemovesAKeyWithItsValuesButNotOneWithSubkeys) {
@@ -302,16 +296,28 @@ TEST_F(RegistryTest, DeleteRemovesAKeyWithItsValuesButNotOneWithSubkeys) {
     EXPECT_EQ(Osb::RegDeleteKeyW(Osb::HKeyLocalMachine(), u""), kAccessDenied);
 }
 
+// A plain user may neither read a value it has no right to nor add one to a key it may not write.
 TEST_F(RegistryTest, ReadingAKeyThatMayNotBeReadIsRefused) {
-    if (geteuid() == 0) GTEST_SKIP() << "root reads every file; permissions cannot be tested";
     HKey key = create(u"Software\\Orvanta");
     ASSERT_EQ(setText(key, u"Locale", u"de-DE"), 0);
-    ASSERT_EQ(::chmod(keyDir("Software/Orvanta/Locale").c_str(), 0), 0);
-    EXPECT_EQ(Osb::RegQueryValueExW(key, u"Locale", nullptr, nullptr, nullptr), kAccessDenied);
-    ASSERT_EQ(::chmod(keyDir("Software/Orvanta").c_str(), 0555), 0);
-    EXPECT_EQ(setText(key, u"Other", u"x"), kAccessDenied);
-    ::chmod(keyDir("Software/Orvanta").c_str(), 0755);
     Osb::RegCloseKey(key);
+    ASSERT_EQ(::chmod(keyDir("Software/Orvanta/Locale").c_str(), 0), 0);
+    for (const std::string& folder :
+         {root_.path(), root_ / "etc", root_ / "etc/orvanta", root_ / "etc/orvanta/registry",
+          keyDir(""), keyDir("Software"), keyDir("Software/Orvanta")}) {
+        ASSERT_EQ(::chmod(folder.c_str(), 0755), 0) << folder;
+    }
+    const vigil_test::ChildOutcome outcome = vigil_test::RunAsUser({65534, 65534, {}}, [] {
+        HKey reader = nullptr;
+        const int32_t opened = Osb::RegOpenKeyExW(Osb::HKeyLocalMachine(), u"Software\\Orvanta", 0,
+                                                  Reg::kKeyAllAccess, &reader);
+        if (opened != 0) return "open " + std::to_string(opened);
+        return std::to_string(Osb::RegQueryValueExW(reader, u"Locale", nullptr, nullptr, nullptr)) +
+               " " + std::to_string(setText(reader, u"Other", u"x"));
+    });
+    if (outcome.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(outcome.output, "5 5");
+    EXPECT_FALSE(fs::exists(keyDir("Software/Orvanta/Other")));
 }
 
 }  // namespace

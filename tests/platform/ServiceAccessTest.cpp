@@ -19,32 +19,17 @@
 
 #include "platform/SystemRoot.h"
 #include "tests/platform/FakeServiceFixture.h"
+#include "tests/support/RunAsUser.h"
+#include "tests/support/ScopedUmask.h"
 
 namespace {
 
 using namespace Osb;
 using vigil_test::PollUntil;
 
-constexpr int kCannotDropRoot = 100;
-
-// Runs `body` in a child that has given up root for user and group 65534; returns the child's
-// exit status (body's result), or kCannotDropRoot when root cannot be given up here.
-int AsStranger(const std::function<int()>& body) {
-    const pid_t child = fork();
-    if (child < 0) return -1;
-    if (child == 0) {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(kCannotDropRoot);
-        if (geteuid() == 0) _exit(kCannotDropRoot);
-        _exit(body());
-    }
-    int status = 0;
-    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
-}
-
-mode_t ModeOf(const std::string& path) {
-    struct stat info = {};
-    return lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 07777;
+// Runs `body` in a child that has given up root for user and group 65534; its result as text.
+vigil_test::ChildOutcome AsStranger(const std::function<int()>& body) {
+    return vigil_test::RunAsUser({65534, 65534, {}}, [&] { return std::to_string(body()); });
 }
 
 // A process of user 65534 that opened `path` while it was 0644, as the manager used to make it,
@@ -92,35 +77,6 @@ private:
     char outcome_ = 'F';
 };
 
-// Standard error of this process goes to a file while the object lives.
-class StderrCapture {
-public:
-    explicit StderrCapture(std::string path) : path_(std::move(path)) {
-        fflush(stderr);
-        saved_ = dup(2);
-        const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        dup2(fd, 2);
-        close(fd);
-    }
-    ~StderrCapture() { Stop(); }
-    std::string Stop() {
-        if (saved_ >= 0) {
-            fflush(stderr);
-            dup2(saved_, 2);
-            close(saved_);
-            saved_ = -1;
-        }
-        std::ifstream in(path_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-private:
-    std::string path_;
-    int saved_ = -1;
-};
-
 class ServiceAccessTest : public vigil_test::FakeServiceTest {
 protected:
     void SetUp() override {
@@ -159,13 +115,15 @@ TEST_F(ServiceAccessTest, FilesAndEndpointAreTheOwnersAloneEvenUnderAnOpenUmask)
     ASSERT_TRUE(started) << ErrorCode();
     ASSERT_TRUE(awaitState(SERVICE_RUNNING));
 
-    for (const std::string& path : files()) EXPECT_EQ(ModeOf(path) & 077, 0u) << path;
+    for (const std::string& path : files()) {
+        EXPECT_EQ(vigil_test::ModeOf(path.c_str()) & 077, 0) << path;
+    }
     for (const std::string& folder : {Scm::RunFolder(), Scm::ServicesFolder(),
                                       root_ / "var/log/orvanta"}) {
-        EXPECT_EQ(ModeOf(folder) & 022, 0u) << folder;
+        EXPECT_EQ(vigil_test::ModeOf(folder.c_str()) & 022, 0) << folder;
     }
     const std::vector<std::string> paths = files();
-    const int result = AsStranger([&] {
+    const vigil_test::ChildOutcome result = AsStranger([&] {
         int step = 1;
         for (const std::string& path : paths) {
             // No descriptor, so no lock either; the socket refuses a connect the same way.
@@ -177,12 +135,18 @@ TEST_F(ServiceAccessTest, FilesAndEndpointAreTheOwnersAloneEvenUnderAnOpenUmask)
         }
         return StrangerIsRefused() == 0 ? 0 : 50 + StrangerIsRefused();
     });
-    if (result == kCannotDropRoot) GTEST_SKIP() << "cannot give up root here";
-    EXPECT_EQ(result, 0) << "failed at step " << result;
+    if (result.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(result.output, "0") << "the failed step";
+    // As a careless administrator might leave the endpoint: the service itself must still say no.
+    ASSERT_EQ(chmod(Scm::EndpointPath("Fake").c_str(), 0666), 0);
+    EXPECT_EQ(AsStranger([] { return StrangerIsRefused(); }).output, "0") << "the failed step";
     ASSERT_TRUE(syncLog());
     EXPECT_EQ(log().find("control 1"), std::string::npos) << "a stranger's stop reached the handler";
     EXPECT_EQ(log().find("control 2"), std::string::npos) << "a stranger's pause reached the handler";
     EXPECT_EQ(state(), SERVICE_RUNNING);
+    // Root is still served.
+    SERVICE_STATUS status = {};
+    EXPECT_TRUE(ControlService(service_, SERVICE_CONTROL_INTERROGATE, &status)) << ErrorCode();
 }
 
 TEST_F(ServiceAccessTest, LooserFilesAndFoldersLeftFromBeforeAreTightened) {
@@ -201,26 +165,9 @@ TEST_F(ServiceAccessTest, LooserFilesAndFoldersLeftFromBeforeAreTightened) {
     ASSERT_TRUE(awaitState(SERVICE_RUNNING));
     for (const std::string& path : {Scm::RecordPath("Fake"), Scm::StartLockPath("Fake"),
                                     Scm::LockPath("Fake"), Scm::LogPath("Fake")}) {
-        EXPECT_EQ(ModeOf(path), 0600u) << path;
+        EXPECT_EQ(vigil_test::ModeOf(path.c_str()), 0600) << path;
     }
-    EXPECT_EQ(ModeOf(Scm::RunFolder()), 0755u);
-}
-
-TEST_F(ServiceAccessTest, EndpointRefusesStrangersEvenWhenItsFileIsOpenToAll) {
-    ASSERT_TRUE(start()) << ErrorCode();
-    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
-    // As a careless administrator might leave it: the service itself must still say no.
-    ASSERT_EQ(chmod(Scm::EndpointPath("Fake").c_str(), 0666), 0);
-    const int result = AsStranger([] { return StrangerIsRefused(); });
-    if (result == kCannotDropRoot) GTEST_SKIP() << "cannot give up root here";
-    EXPECT_EQ(result, 0) << "failed at step " << result;
-    ASSERT_TRUE(syncLog());
-    EXPECT_EQ(log().find("control 1"), std::string::npos) << "a stranger's stop reached the handler";
-    EXPECT_EQ(log().find("control 2"), std::string::npos) << "a stranger's pause reached the handler";
-    EXPECT_EQ(state(), SERVICE_RUNNING);
-    // Root is still served.
-    SERVICE_STATUS status = {};
-    EXPECT_TRUE(ControlService(service_, SERVICE_CONTROL_INTERROGATE, &status)) << ErrorCode();
+    EXPECT_EQ(vigil_test::ModeOf(Scm::RunFolder().c_str()), 0755);
 }
 
 TEST_F(ServiceAccessTest, StrangersLockOnAFileOpenedBeforeCostsTheStartABoundedWait) {
@@ -245,7 +192,7 @@ TEST_F(ServiceAccessTest, StrangersLockOnAFileOpenedBeforeCostsTheStartABoundedW
         if (holder.cannotDropRoot()) GTEST_SKIP() << "cannot give up root here";
         ASSERT_TRUE(holder.locked()) << row.path << ": the stranger could not lock it";
 
-        StderrCapture errors(root_ / "stderr.txt");
+        ::testing::internal::CaptureStderr();
         std::atomic<bool> done{false};
         std::atomic<bool> started{false};
         std::atomic<uint32_t> code{0};
@@ -257,7 +204,7 @@ TEST_F(ServiceAccessTest, StrangersLockOnAFileOpenedBeforeCostsTheStartABoundedW
         const bool returned = PollUntil([&] { return done.load(); }, std::chrono::seconds(15));
         holder.Release();  // lets a start that hangs go on, so the thread can be joined
         starter.join();
-        const std::string text = errors.Stop();
+        const std::string text = ::testing::internal::GetCapturedStderr();
         EXPECT_TRUE(returned) << row.path << ": the start waited without limit";
         EXPECT_FALSE(started) << row.path;
         EXPECT_EQ(code.load(), Err::kServiceRequestTimeout) << row.path;

@@ -1,29 +1,24 @@
 // Installing, opening and deleting services, and the error of each refused call, without running
 // any service process.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <functional>
 #include <sstream>
-#include <sys/stat.h>
-#include <sys/wait.h>
+#include <vector>
 
 #include "platform/Console.h"
 #include "platform/ErrorCode.h"
 #include "platform/ServiceControl.h"
+#include "tests/support/FileText.h"
+#include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace {
 
 using namespace Osb;
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 class ServiceControlTest : public ::testing::Test {
 protected:
@@ -31,7 +26,10 @@ protected:
         manager_ = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
         ASSERT_NE(manager_, nullptr) << ErrorCode();
     }
-    void TearDown() override { CloseServiceHandle(manager_); }
+    void TearDown() override {
+        for (SC_HANDLE service : installed_) CloseServiceHandle(service);
+        CloseServiceHandle(manager_);
+    }
 
     SC_HANDLE create(const char16_t* name, const char16_t* dependencies = nullptr,
                      const char16_t* account = nullptr) {
@@ -40,6 +38,17 @@ protected:
                               SERVICE_ERROR_IGNORE, u"/opt/agent/agent", nullptr, nullptr,
                               dependencies, account, u"secret");
     }
+
+    // A service installed for the rest of the test; its handle is closed at the end.
+    SC_HANDLE installed(const char16_t* name, uint32_t start, const char16_t* binary) {
+        SC_HANDLE service =
+            CreateServiceW(manager_, name, nullptr, 0, SERVICE_WIN32_OWN_PROCESS, start, 0, binary,
+                           nullptr, nullptr, nullptr, nullptr, nullptr);
+        EXPECT_NE(service, nullptr) << ErrorCode();
+        installed_.push_back(service);
+        return service;
+    }
+    std::vector<SC_HANDLE> installed_;
 
     vigil_test::ScratchRoot root_;
     SC_HANDLE manager_ = nullptr;
@@ -57,7 +66,7 @@ TEST_F(ServiceControlTest, InstallWritesEveryKeyAndOpenFindsIt) {
     ASSERT_TRUE(ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description));
     EXPECT_TRUE(CloseServiceHandle(service));
 
-    std::string text = ReadText(root_ / "etc/orvanta/services/Agent.conf");
+    std::string text = vigil_test::FileText(root_ / "etc/orvanta/services/Agent.conf");
     for (const char* line :
          {"DisplayName=Shown\\nName\n", "Description=Tracks\\r\\nfiles\n",
           "BinaryPath=/opt/agent/agent\n", "StartType=2\n", "ErrorControl=1\n",
@@ -82,7 +91,7 @@ TEST_F(ServiceControlTest, AbsentValuesAreEmptyAndDisplayNameDefaultsToTheName) 
                                        nullptr, nullptr);
     ASSERT_NE(service, nullptr) << ErrorCode();
     CloseServiceHandle(service);
-    const std::string text = ReadText(root_ / "etc/orvanta/services/Bare.conf");
+    const std::string text = vigil_test::FileText(root_ / "etc/orvanta/services/Bare.conf");
     for (const char* line : {"DisplayName=Bare\n", "Description=\n", "Account=\n",
                              "Dependencies=\n", "StartType=3\n", "ErrorControl=0\n"}) {
         EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
@@ -147,10 +156,9 @@ TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
         {"remote machine",
          [&] { return OpenSCManagerW(u"\\\\far", nullptr, SC_MANAGER_CONNECT) != nullptr; },
          Err::kInvalidParameter},
-        {"service handle as manager",
-         [&] { return OpenServiceW(existing, u"Here", 0) != nullptr; }, Err::kInvalidHandle},
-        {"manager handle as service", [&] { return DeleteService(manager_); },
+        {"service handle as manager", [&] { return OpenServiceW(existing, u"Here", 0) != nullptr; },
          Err::kInvalidHandle},
+        {"manager handle as service", [&] { return DeleteService(manager_); }, Err::kInvalidHandle},
         {"control stopped service",
          [&] { return ControlService(existing, SERVICE_CONTROL_PAUSE, &status); },
          Err::kServiceNotActive},
@@ -166,8 +174,19 @@ TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
              return StartServiceCtrlDispatcherW(table);
          },
          Err::kFailedServiceControllerConnect},
-        {"status without registration",
-         [&] { return SetServiceStatus(nullptr, status); }, Err::kInvalidHandle},
+        {"status without registration", [&] { return SetServiceStatus(nullptr, status); },
+         Err::kInvalidHandle},
+        {"start of a disabled service",
+         [&] {
+             return StartServiceW(installed(u"Off", SERVICE_DISABLED, u"/bin/true"), 0, nullptr);
+         },
+         Err::kServiceDisabled},
+        {"start of a missing binary",
+         [&] {
+             return StartServiceW(installed(u"NoExe", SERVICE_DEMAND_START, u"/no/such/binary"), 0,
+                                  nullptr);
+         },
+         Err::kPathNotFound},
     };
     for (const Row& row : rows) {
         SetLastError(0);
@@ -179,49 +198,27 @@ TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
     EXPECT_EQ(ErrorCode(), Err::kInvalidHandle);
 }
 
-TEST_F(ServiceControlTest, DisabledServiceDoesNotStartAndMissingBinaryGivesTheExecError) {
-    SC_HANDLE disabled = CreateServiceW(manager_, u"Off", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
-                                        SERVICE_DISABLED, 0, u"/bin/true", nullptr, nullptr,
-                                        nullptr, nullptr, nullptr);
-    ASSERT_NE(disabled, nullptr);
-    EXPECT_FALSE(StartServiceW(disabled, 0, nullptr));
-    EXPECT_EQ(ErrorCode(), Err::kServiceDisabled);
-    CloseServiceHandle(disabled);
-
-    SC_HANDLE missing = CreateServiceW(manager_, u"NoExe", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
-                                       SERVICE_DEMAND_START, 0, u"/no/such/binary", nullptr,
-                                       nullptr, nullptr, nullptr, nullptr);
-    ASSERT_NE(missing, nullptr);
-    EXPECT_FALSE(StartServiceW(missing, 0, nullptr));
-    EXPECT_EQ(ErrorCode(), Err::kPathNotFound);
-    CloseServiceHandle(missing);
-}
-
 // The codes that an unprivileged caller gets: for opening the manager to create, for opening it
 // to connect, and for creating a service with a manager opened to connect. Run in a child that
 // gives up root, so that the test means something when it runs as root too.
 TEST_F(ServiceControlTest, CallerWhoMayNotWriteTheServicesFolderGetsAccessDenied) {
     ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);  // reachable, but not writable, by others
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
-        if (geteuid() == 0) _exit(101);
-        if (OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE) != nullptr) _exit(102);
-        if (ErrorCode() != Err::kAccessDenied) _exit(103);
+    const vigil_test::ChildOutcome outcome = vigil_test::RunAsUser({65534, 65534, {}}, [] {
+        std::string codes;
+        if (OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE) == nullptr) {
+            codes += std::to_string(ErrorCode());
+        }
         SC_HANDLE reader = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-        if (reader == nullptr) _exit(104);  // connecting needs no write access
-        SC_HANDLE created = CreateServiceW(reader, u"Denied", nullptr, 0,
-                                           SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, 0,
-                                           u"/b", nullptr, nullptr, nullptr, nullptr, nullptr);
-        if (created != nullptr) _exit(105);
-        _exit(ErrorCode() == Err::kAccessDenied ? 0 : 106);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 100) GTEST_SKIP() << "cannot give up root here";
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
+        if (reader == nullptr) return codes + " no connection";  // connecting needs no write
+        if (CreateServiceW(reader, u"Denied", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
+                           SERVICE_DEMAND_START, 0, u"/b", nullptr, nullptr, nullptr, nullptr,
+                           nullptr) == nullptr) {
+            codes += " " + std::to_string(ErrorCode());
+        }
+        return codes;
+    });
+    if (outcome.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(outcome.output, "5 5");
     EXPECT_NE(access((root_ / "etc/orvanta/services/Denied.conf").c_str(), F_OK), 0);
 }
 

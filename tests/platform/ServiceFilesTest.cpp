@@ -31,11 +31,8 @@ TEST(ServiceFilesTest, EscapingRoundTripsAndMatchesTheRecordedForm) {
         EXPECT_EQ(Osb::Scm::EscapeValue(row.value), row.escaped) << row.value;
         EXPECT_EQ(Osb::Scm::UnescapeValue(row.escaped), row.value) << row.escaped;
     }
-}
-
-TEST(ServiceFilesTest, UnknownEscapesAndALoneFinalBackslashStandForThemselves) {
-    EXPECT_EQ(Osb::Scm::UnescapeValue("C:\\temp"), "C:\\temp");
-    EXPECT_EQ(Osb::Scm::UnescapeValue("end\\"), "end\\");
+    // Unknown escapes and a lone final backslash stand for themselves.
+    for (const char* text : {"C:\\temp", "end\\"}) EXPECT_EQ(Osb::Scm::UnescapeValue(text), text);
     EXPECT_EQ(Osb::Scm::UnescapeValue("\\\\\\n"), "\\\n");
 }
 
@@ -48,12 +45,8 @@ TEST(ServiceFilesTest, RecordSurvivesFormatAndParse) {
     record.errorControl = Osb::SERVICE_ERROR_IGNORE;
     record.account = "dom\\bob";
     record.dependencies = "one/two";
+    // The lines of the text are checked where an install writes them.
     const std::string text = Osb::Scm::FormatRecord(record);
-    EXPECT_NE(text.find("Account=dom\\\\bob\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("StartType=2\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("ErrorControl=0\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("DisplayName=Agent\\nwith a break\n"), std::string::npos) << text;
-
     ServiceRecord parsed;
     ASSERT_TRUE(Osb::Scm::ParseRecord(text, parsed));
     EXPECT_EQ(parsed.displayName, record.displayName);

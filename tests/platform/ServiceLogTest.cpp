@@ -15,18 +15,13 @@
 #include "platform/posix/OutputCapture.h"
 #include "platform/posix/RotatingLog.h"
 #include "tests/platform/FakeServiceFixture.h"
+#include "tests/support/FileText.h"
+#include "tests/support/ScopedUmask.h"
 
 namespace {
 
 using namespace Osb;
 using vigil_test::PollUntil;
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -43,11 +38,6 @@ std::string Tail(const std::string& path, size_t bytes) {
 off_t SizeOf(const std::string& path) {
     struct stat info = {};
     return stat(path.c_str(), &info) == 0 ? info.st_size : -1;
-}
-
-mode_t ModeOf(const std::string& path) {
-    struct stat info = {};
-    return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 07777;
 }
 
 // The files of a rotating log, oldest first: PATH.keep .. PATH.1, PATH (those that exist).
@@ -122,7 +112,7 @@ TEST(RotatingLogTest, RotatesBetweenLinesAndKeepsTheNewestFiles) {
         EXPECT_FALSE(Exists(path + "." + std::to_string(row.keep + 1))) << row.what;
         std::string kept;
         for (const std::string& file : files) {
-            const std::string part = ReadText(file);
+            const std::string part = vigil_test::FileText(file);
             EXPECT_LE(part.size(), row.limit) << row.what << " " << file;
             EXPECT_TRUE(part.empty() || part.back() == '\n') << row.what << ": torn line in " << file;
             kept += part;
@@ -139,12 +129,13 @@ TEST(RotatingLogTest, AnOverlongLineGoesAloneAndAnUnendedOneWaitsForFlush) {
     log.write("short\n");
     log.write("a line longer than the limit\n");
     log.write("tail without end");
-    EXPECT_EQ(ReadText(path + ".1"), "short\n");
-    EXPECT_EQ(ReadText(path), "a line longer than the limit\n") << "the waiting piece went out";
+    EXPECT_EQ(vigil_test::FileText(path + ".1"), "short\n");
+    EXPECT_EQ(vigil_test::FileText(path), "a line longer than the limit\n")
+        << "the waiting piece went out";
     log.flush();
-    EXPECT_EQ(ReadText(path + ".1"), "a line longer than the limit\n");
-    EXPECT_EQ(ReadText(path + ".2"), "short\n");
-    EXPECT_EQ(ReadText(path), "tail without end");
+    EXPECT_EQ(vigil_test::FileText(path + ".1"), "a line longer than the limit\n");
+    EXPECT_EQ(vigil_test::FileText(path + ".2"), "short\n");
+    EXPECT_EQ(vigil_test::FileText(path), "tail without end");
 }
 
 TEST(RotatingLogTest, FilesAreTheOwnersAloneWhateverTheUmask) {
@@ -163,7 +154,7 @@ TEST(RotatingLogTest, FilesAreTheOwnersAloneWhateverTheUmask) {
     }
     umask(previous);
     for (const std::string& file : {path, path + ".1", path + ".old"}) {
-        EXPECT_EQ(ModeOf(file), 0600u) << file;
+        EXPECT_EQ(vigil_test::ModeOf(file.c_str()), 0600) << file;
     }
     // Never through a link: a planted one is refused and what it points at stays untouched.
     ASSERT_EQ(symlink((root / "elsewhere").c_str(), (root / "linked.log").c_str()), 0);
@@ -224,9 +215,9 @@ TEST(OutputCaptureTest, ConcurrentWritersLoseNoLineAtRotationsOrAtTheHandOver) {
     std::map<int, int> next;  // per writer, the number of the line expected next
     std::vector<std::string> others;
     for (const std::string& file : files) {
-        const std::string text = ReadText(file);
+        const std::string text = vigil_test::FileText(file);
         EXPECT_LE(text.size(), 4096u) << file;
-        EXPECT_EQ(ModeOf(file), 0600u) << file;
+        EXPECT_EQ(vigil_test::ModeOf(file.c_str()), 0600) << file;
         for (const std::string& line : Lines(text)) {
             int writer = 0;
             int number = 0;
@@ -261,8 +252,8 @@ TEST_F(ServiceLogTest, ServiceOutputRotatesAtItsSizeWithNothingLost) {
     std::map<int, int> next;
     for (const std::string& file : {path + ".1", path}) {
         EXPECT_LE(SizeOf(file), static_cast<off_t>(Scm::kServiceLogLimit)) << file;
-        EXPECT_EQ(ModeOf(file), 0600u) << file;
-        for (const std::string& line : Lines(ReadText(file))) {
+        EXPECT_EQ(vigil_test::ModeOf(file.c_str()), 0600) << file;
+        for (const std::string& line : Lines(vigil_test::FileText(file))) {
             if (line.rfind("chatter ", 0) != 0 || line == "chatter done") continue;
             int writer = 0;
             int number = 0;

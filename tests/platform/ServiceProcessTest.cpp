@@ -205,31 +205,6 @@ TEST_F(ServiceProcessTest, DeletingARunningServiceMarksItUntilItsProcessEnds) {
     EXPECT_NE(access(Scm::RecordPath("Fake").c_str(), F_OK), 0);
 }
 
-TEST_F(ServiceProcessTest, CallerWhoMayNotUseTheEndpointGetsAccessDenied) {
-    ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);
-    ASSERT_TRUE(start()) << ErrorCode();
-    ASSERT_TRUE(awaitState(SERVICE_RUNNING));
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(100);
-        if (geteuid() == 0) _exit(101);
-        SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-        SC_HANDLE service = OpenServiceW(manager, u"Fake", SERVICE_QUERY_STATUS);
-        if (service == nullptr) _exit(102);
-        SERVICE_STATUS status = {};
-        if (ControlService(service, SERVICE_CONTROL_INTERROGATE, &status)) _exit(103);
-        _exit(ErrorCode() == Err::kAccessDenied ? 0 : 104);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 100) GTEST_SKIP() << "cannot give up root here";
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
-    ASSERT_TRUE(syncLog());
-    EXPECT_EQ(log().find("control 4"), std::string::npos) << "the control reached the handler";
-}
-
 TEST_F(ServiceProcessTest, ConcurrentControlsEachGetOneAnswerAndNeverOverlap) {
     ASSERT_TRUE(start()) << ErrorCode();
     ASSERT_TRUE(awaitState(SERVICE_RUNNING));

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <optional>
 #include <set>
@@ -17,8 +18,9 @@
 #include "platform/Registry.h"
 #include "platform/SysLog.h"
 #include "platform/Utf.h"
-#include "tests/support/ScratchRoot.h"
+#include "tests/support/FileText.h"
 #include "tests/support/ScopedEnv.h"
+#include "tests/support/ScratchRoot.h"
 
 namespace {
 
@@ -38,10 +40,7 @@ class SysLogTest : public ::testing::Test {
         return out;
     }
 
-    std::string contents() const {
-        std::ifstream in(logFile_, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    std::string contents() const { return vigil_test::FileText(logFile_); }
 
     vigil_test::ScratchRoot root_;
     std::string logFile_ = root_ / "events.log";
@@ -162,52 +161,43 @@ TEST_F(SysLogTest, AFailingEventFileChangesNothingForTheCaller) {
     EXPECT_FALSE(fs::exists(root_ / "missing"));
 }
 
+// The text with its insert, cut to the buffer (bytes) with room for the terminator, never in the
+// middle of a surrogate pair and never past the buffer; the language is the environment's.
 TEST_F(SysLogTest, GetMessageFillsInsertsAndCutsToTheBuffer) {
-    const std::u16string full =
-        u"Orvanta Vigil Watch Service has terminated because of an unexpected exception.\r\n"
-        u"boom\r\n";
-    char16_t buffer[2048];
-    EXPECT_EQ(Osb::SysLogGetMessage(sizeof(buffer), buffer, 0xE0000A0F, {u"boom"}), full.size());
-    EXPECT_EQ(std::u16string(buffer), full);
-
-    struct Row {
+    const std::u16string head =
+        u"Orvanta Vigil Watch Service has terminated because of an unexpected exception.\r\n";
+    const uint32_t headBytes = static_cast<uint32_t>(head.size() * sizeof(char16_t));
+    const std::u16string boom = head + u"boom\r\n";
+    const struct {
+        uint32_t id;
+        std::u16string insert;
         uint32_t bytes;
-        uint32_t units;
+        std::u16string text;
+    } rows[] = {
+        {0xE0000A0F, u"boom", 4096, boom},
+        {0xE0000A0F, u"boom", 22, boom.substr(0, 10)},
+        {0xE0000A0F, u"boom", 21, boom.substr(0, 9)},
+        {0xE0000A0F, u"boom", 4, boom.substr(0, 1)},
+        {0xE0000A0F, u"boom", 2, u""},
+        {0xE0000A0F, u"\U0001F600", headBytes + 4, head},
+        {0xE0000A0F, u"\U0001F600", headBytes + 6, head + u"\U0001F600"},
+        {5, u"", 4096, u""},  // an id without a text
     };
-    for (const Row& row : {Row{22, 10}, Row{21, 9}, Row{4, 1}, Row{2, 0}}) {
+    char16_t buffer[2048];
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.bytes);
         std::fill(std::begin(buffer), std::end(buffer), u'#');
-        EXPECT_EQ(Osb::SysLogGetMessage(row.bytes, buffer, 0xE0000A0F, {u"boom"}), row.units)
-            << row.bytes;
-        EXPECT_EQ(std::u16string(buffer), full.substr(0, row.units)) << row.bytes;
-        EXPECT_EQ(buffer[row.units + 1], u'#') << "wrote past the buffer of " << row.bytes;
+        const std::u16string_view insert = row.insert;
+        EXPECT_EQ(Osb::SysLogGetMessage(row.bytes, buffer, row.id, {insert}), row.text.size());
+        EXPECT_EQ(std::u16string(buffer), row.text);
+        EXPECT_EQ(buffer[row.text.size() + 1], u'#') << "wrote past the end";
     }
     // No room even for the terminator: nothing is written.
     buffer[0] = u'#';
     EXPECT_EQ(Osb::SysLogGetMessage(1, buffer, 0xE0000A0F, {u"boom"}), 0u);
     EXPECT_EQ(buffer[0], u'#');
 
-    // An id without a text gives an empty text.
-    buffer[0] = u'#';
-    EXPECT_EQ(Osb::SysLogGetMessage(sizeof(buffer), buffer, 5), 0u);
-    EXPECT_EQ(buffer[0], u'\0');
-}
-
-TEST_F(SysLogTest, GetMessageNeverCutsACharacterInHalf) {
-    const std::u16string head =
-        u"Orvanta Vigil Watch Service has terminated because of an unexpected exception.\r\n";
-    char16_t buffer[256];
-    // Room for the head, the high half of U+1F600 and the terminator: the pair must go whole.
-    const uint32_t bytes = static_cast<uint32_t>((head.size() + 2) * sizeof(char16_t));
-    EXPECT_EQ(Osb::SysLogGetMessage(bytes, buffer, 0xE0000A0F, {u"\U0001F600"}), head.size());
-    EXPECT_EQ(std::u16string(buffer), head);
-    EXPECT_EQ(Osb::SysLogGetMessage(bytes + 2, buffer, 0xE0000A0F, {u"\U0001F600"}),
-              head.size() + 2);
-    EXPECT_EQ(std::u16string(buffer), head + u"\U0001F600");
-}
-
-TEST_F(SysLogTest, GetMessageUsesTheLanguageOfTheEnvironment) {
     lcAll_.set("fr_FR.UTF-8");
-    char16_t buffer[2048];
     const std::u16string_view french = Osb::MessageText(0x20000A0A, Osb::MessageLanguage::kFrench);
     EXPECT_EQ(Osb::SysLogGetMessage(sizeof(buffer), buffer, 0x20000A0A), french.size());
     EXPECT_EQ(std::u16string_view(buffer), french);
@@ -236,7 +226,7 @@ class SysLogSourceTest : public SysLogTest {
         return status == 0 ? std::u16string(buffer) : u"(no value)";
     }
 
-    static uint32_t failureOf(void (*call)()) {
+    static uint32_t failureOf(const std::function<void()>& call) {
         try {
             call();
         } catch (const Osb::ExSystem& e) {
@@ -249,8 +239,7 @@ class SysLogSourceTest : public SysLogTest {
 TEST_F(SysLogSourceTest, InstallRegistersTheMessageFileAndUninstallRemovesIt) {
     Osb::SysLogInstall(u"Orvanta Vigil Watch 14.0", u"/opt/orvanta/bin/MirelleStudioFileAgent");
     EXPECT_EQ(messageFile(u"Orvanta Vigil Watch 14.0"), u"/opt/orvanta/bin/MirelleStudioFileAgent");
-    std::ifstream in(sourceDir("Orvanta Vigil Watch 14.0") + "/EventMessageFile");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+    EXPECT_EQ(vigil_test::FileText(sourceDir("Orvanta Vigil Watch 14.0") + "/EventMessageFile"),
               "/opt/orvanta/bin/MirelleStudioFileAgent\n");
 
     // A second install replaces the path.
@@ -269,21 +258,20 @@ TEST_F(SysLogSourceTest, InstallRegistersTheMessageFileAndUninstallRemovesIt) {
 TEST_F(SysLogSourceTest, FailuresRaiseTheWindowsCode) {
     Osb::SysLogInstall(u"Kept", u"/x");
     // Names that are no single key below the sources.
-    EXPECT_EQ(failureOf([] { Osb::SysLogInstall(u"", u"/x"); }), 123u);
-    EXPECT_EQ(failureOf([] { Osb::SysLogInstall(u"a/b", u"/x"); }), 123u);
-    EXPECT_EQ(failureOf([] { Osb::SysLogInstall(u"..", u"/x"); }), 123u);
-    EXPECT_EQ(failureOf([] { Osb::SysLogInstall(u"Kept\\Sub", u"/x"); }), 123u);
-    EXPECT_EQ(failureOf([] { Osb::SysLogUninstall(u""); }), 123u);
-    EXPECT_EQ(failureOf([] { Osb::SysLogUninstall(u"a\\b"); }), 123u);
+    for (const char16_t* name : {u"", u"a/b", u"..", u"Kept\\Sub", u"a\\b"}) {
+        SCOPED_TRACE(Osb::Utf16ToUtf8(name));
+        EXPECT_EQ(failureOf([&] { Osb::SysLogInstall(name, u"/x"); }), 123u);
+        EXPECT_EQ(failureOf([&] { Osb::SysLogUninstall(name); }), 123u);
+    }
     EXPECT_EQ(messageFile(u"Kept"), u"/x");
 
     // A source key that has a subkey is not removed.
     fs::create_directories(sourceDir("Kept") + "/Sub");
     EXPECT_EQ(failureOf([] { Osb::SysLogUninstall(u"Kept"); }), 5u);
     EXPECT_EQ(messageFile(u"Kept"), u"/x");
-}
 
-TEST_F(SysLogSourceTest, InstallFailsWhereTheRegistryCannotBeMade) {
+    // Where the registry cannot be made.
+    fs::remove_all(root_ / "etc");
     std::ofstream(root_ / "etc") << "not a folder";
     EXPECT_EQ(failureOf([] { Osb::SysLogInstall(u"Orvanta Vigil Watch 14.0", u"/x"); }), 3u);
 }

@@ -10,8 +10,9 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/SystemRoot.h"
-#include "tests/support/ScratchRoot.h"
+#include "tests/support/RunAsUser.h"
 #include "tests/support/ScopedEnv.h"
+#include "tests/support/ScratchRoot.h"
 
 namespace {
 
@@ -131,15 +132,18 @@ TEST(SystemRootTest, CreateDirectoriesReportsWhatStandsInTheWay) {
     EXPECT_EQ(Osb::CreateDirectories(tooLong), Err::kFilenameExcedRange);
 }
 
+// A plain user below a folder it may not write: refused, while the existing folder is no failure.
 TEST(SystemRootTest, CreateDirectoriesWhereTheCallerMayNotWriteIsDenied) {
-    if (geteuid() == 0) GTEST_SKIP() << "root writes every folder; permissions cannot be tested";
     vigil_test::ScratchRoot root;
     ASSERT_EQ(Osb::CreateDirectories(root / "locked"), Err::kSuccess);
-    fs::permissions(root / "locked", fs::perms::owner_read | fs::perms::owner_exec);
-    EXPECT_EQ(Osb::CreateDirectories(root / "locked/sub/deeper"), Err::kAccessDenied);
-    // An existing folder below is no failure, even where making it would have been refused.
-    EXPECT_EQ(Osb::CreateDirectories(root / "locked"), Err::kSuccess);
-    fs::permissions(root / "locked", fs::perms::owner_all);
+    fs::permissions(root.path(), fs::perms(0755));
+    const vigil_test::ChildOutcome outcome = vigil_test::RunAsUser({65534, 65534, {}}, [&] {
+        return std::to_string(Osb::CreateDirectories(root / "locked/sub/deeper")) + " " +
+               std::to_string(Osb::CreateDirectories(root / "locked"));
+    });
+    if (outcome.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
+    EXPECT_EQ(outcome.output, std::to_string(Err::kAccessDenied) + " 0");
+    EXPECT_FALSE(fs::exists(root / "locked/sub"));
 }
 
 }  // namespace

@@ -97,7 +97,9 @@ TEST(DataFolderTest, CreatesEachLevelInTurnAndToleratesOnlyExistingOrInvalidName
         std::vector<uint32_t> errors;
         uint32_t status;
         size_t calls;
+        bool exists = false;
     } cases[] = {
+        {{Osb::Err::kAccessDenied}, 0, 0, true},  // found: checked, nothing created
         {{}, 0, 3},
         {{Osb::Err::kAlreadyExists}, 0, 3},
         {{Osb::Err::kAlreadyExists, Osb::Err::kInvalidName, Osb::Err::kAlreadyExists}, 0, 3},
@@ -106,23 +108,18 @@ TEST(DataFolderTest, CreatesEachLevelInTurnAndToleratesOnlyExistingOrInvalidName
         {{0, 0, Osb::Err::kPathNotFound}, Osb::Err::kPathNotFound, 3},
     };
     for (const auto& c : cases) {
-        FakeSystem::reset(Osb::kSOk, false, c.errors);
+        FakeSystem::reset(Osb::kSOk, c.exists, c.errors);
         EXPECT_EQ(StatusOf(FakeSystem::calls()), c.status);
         ASSERT_EQ(FakeSystem::created.size(), c.calls);
         for (size_t i = 0; i < c.calls; ++i) EXPECT_EQ(FakeSystem::created[i], levels[i]);
         // Only a folder that is there, made or found, is checked.
-        EXPECT_EQ(FakeSystem::madePrivate.size(), c.status == 0 ? 1u : 0u);
+        EXPECT_EQ(FakeSystem::madePrivate,
+                  c.status == 0
+                      ? std::vector<std::u16string>{u"/sys/Orvanta/Mirelle Studio/File Agent/"}
+                      : std::vector<std::u16string>{});
     }
     FakeSystem::reset(Osb::kSOk, false, {});
     EXPECT_EQ(DataFolderWith(FakeSystem::calls()), u"/sys/Orvanta/Mirelle Studio/File Agent/");
-}
-
-TEST(DataFolderTest, ExistingFolderIsCheckedButNothingIsCreated) {
-    FakeSystem::reset(Osb::kSOk, true, {Osb::Err::kAccessDenied});
-    EXPECT_EQ(DataFolderWith(FakeSystem::calls()), u"/sys/Orvanta/Mirelle Studio/File Agent/");
-    EXPECT_TRUE(FakeSystem::created.empty());
-    EXPECT_EQ(FakeSystem::madePrivate,
-              std::vector<std::u16string>{u"/sys/Orvanta/Mirelle Studio/File Agent/"});
 }
 
 TEST(DataFolderTest, AFolderThatCannotBeMadePrivateStopsTheStartAndIsNamed) {
@@ -142,29 +139,19 @@ TEST(DataFolderTest, AFolderThatCannotBeMadePrivateStopsTheStartAndIsNamed) {
     }
 }
 
-TEST(DataFolderTest, OnADiskCreatesTheMissingLevelsBelowTheSystemFolder) {
-    vigil_test::ScratchRoot root;
-    fs::create_directories(root / "var/lib/Orvanta");
-    const std::u16string expected =
-        Osb::Utf8ToUtf16(root / "var/lib/Orvanta/Mirelle Studio/File Agent/");
-    EXPECT_EQ(DataFolderWith(DataFolderCalls::system()), expected);
-    EXPECT_TRUE(fs::is_directory(root / "var/lib/Orvanta/Mirelle Studio/File Agent"));
-    // The second run finds the whole path.
-    EXPECT_EQ(DataFolderWith(DataFolderCalls::system()), expected);
-}
-
+// Every level is made on the first run and found on the next ones.
 TEST(DataFolderTest, OnADiskTheDataFolderIsPrivateWhateverTheUmaskAndItsParentsAreNot) {
     const vigil_test::ScopedUmask openMask(0);
     vigil_test::ScratchRoot root;
     const std::string data = root / "var/lib/Orvanta/Mirelle Studio/File Agent";
-    DataFolderWith(DataFolderCalls::system());
+    EXPECT_EQ(DataFolderWith(DataFolderCalls::system()), Osb::Utf8ToUtf16(data + "/"));
     EXPECT_EQ(vigil_test::ModeOf((root / "var/lib/Orvanta").c_str()), 0755);
     EXPECT_EQ(vigil_test::ModeOf((root / "var/lib/Orvanta/Mirelle Studio").c_str()), 0755);
     EXPECT_EQ(vigil_test::ModeOf(data.c_str()), 0700);
     // A folder that an older version left open to everybody is closed at the next start.
     for (const fs::perms loose : {fs::perms::all, fs::perms(0755), fs::perms(0500)}) {
         fs::permissions(data, loose);
-        DataFolderWith(DataFolderCalls::system());
+        EXPECT_EQ(DataFolderWith(DataFolderCalls::system()), Osb::Utf8ToUtf16(data + "/"));
         EXPECT_EQ(vigil_test::ModeOf(data.c_str()), 0700);
     }
 }

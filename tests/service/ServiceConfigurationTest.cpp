@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -112,72 +111,6 @@ TEST_F(ServiceConfigurationTest, UnknownLocaleRaisesBeforeAnyLoad) {
     }
     EXPECT_TRUE(dictionary_.loads.empty());
     EXPECT_TRUE(dictionary_.lookups.empty());
-}
-
-// With the program's dictionary. These load nothing into it, so they leave the process-wide
-// dictionary empty for the tests after them.
-TEST_F(ServiceConfigurationTest, ProgramDictionaryGivesEnglishTextsWithoutTranslation) {
-    const std::optional<std::string> setups[] = {std::nullopt, "en_US", "de_DE"};
-    for (const auto& locale : setups) {
-        fs::remove_all(root_ / "etc");
-        // No key at all; the English locale, whose file is never read; a locale without a file.
-        if (locale) makeKey(locale);
-        const Vigil::ServiceTexts texts = Vigil::ReadServiceTexts();
-        EXPECT_EQ(texts.displayName, u"Orvanta Vigil Watch V14") << locale.value_or("no key");
-        EXPECT_EQ(texts.description, u"Tracks files that are managed by Mirelle Catalog");
-    }
-}
-
-// Set for a child run of this binary: the test below then only writes the texts it reads, under the
-// system root that the parent made (the child's fixture makes a fresh one of its own).
-constexpr const char* kChildOutput = "VIGIL_TEST_SERVICE_TEXTS_OUT";
-constexpr const char* kChildRoot = "VIGIL_TEST_SERVICE_TEXTS_ROOT";
-
-// A translation beside the executable is found and used. A copy of this binary runs from a folder
-// that holds Assets/locale/de_DE/lexicon.dct, so the dictionary it loads stays in that process.
-TEST_F(ServiceConfigurationTest, TranslationBesideExecutableIsUsed) {
-    if (const char* out = std::getenv(kChildOutput)) {
-        const char* root = std::getenv(kChildRoot);
-        ASSERT_NE(root, nullptr);
-        setenv("VIGIL_SYSTEM_ROOT", root, 1);
-        const Vigil::ServiceTexts texts = Vigil::ReadServiceTexts();
-        std::ofstream(out, std::ios::binary) << Osb::Utf16ToUtf8(texts.displayName) << '\n'
-                                             << Osb::Utf16ToUtf8(texts.description);
-        return;
-    }
-    makeKey("de_DE");
-    const std::string bin = root_ / "opt/agent";
-    fs::create_directories(bin + "/Assets/locale/de_DE");
-    fs::copy_file("/proc/self/exe", bin + "/service_configuration_tests");
-    // The UTF-16 text form: a line of its own for the byte-order mark, then one quoted "key=value"
-    // line per entry.
-    const std::u16string text =
-        u"\uFEFF\n\"$$$/private/Vigil/Vigil_Display_Name=Orvanta Vigil Datei\u00FCberwachung V\"\n"
-        u"\"$$$/Vigil/Description=\u00DCberwacht Dateien, die von Mirelle Catalog verwaltet "
-        u"werden\"\n";
-    std::ofstream(bin + "/Assets/locale/de_DE/lexicon.dct", std::ios::binary)
-        .write(reinterpret_cast<const char*>(text.data()),
-               static_cast<std::streamsize>(text.size() * sizeof(char16_t)));
-
-    const std::string output = root_ / "texts.txt";
-    const std::string command =
-        std::string(kChildOutput) + "=" + output + " " + kChildRoot + "=" + root_.path() + " " +
-        bin +
-        "/service_configuration_tests"
-        " --gtest_filter=ServiceConfigurationTest.TranslationBesideExecutableIsUsed"
-        " > /dev/null";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    std::ifstream in(output, std::ios::binary);
-    std::string displayName;
-    std::string description;
-    std::getline(in, displayName);
-    std::getline(in, description);
-    EXPECT_EQ(displayName,
-              "Orvanta Vigil Datei\xC3\xBC"
-              "berwachung V14");
-    EXPECT_EQ(description,
-              "\xC3\x9C"
-              "berwacht Dateien, die von Mirelle Catalog verwaltet werden");
 }
 
 }  // namespace

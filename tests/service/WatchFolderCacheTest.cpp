@@ -83,7 +83,17 @@ class WatchFolderCacheTest : public ::testing::Test {
         std::vector<WatchedFolder> folders;
         std::vector<Guid> guids;
         int saves = 0;
+        std::vector<std::u16string> paths() const {
+            std::vector<std::u16string> result;
+            for (const WatchedFolder& f : folders) result.push_back(f.path);
+            return result;
+        }
     };
+    std::vector<std::u16string> folders(const std::vector<std::string>& names) const {
+        std::vector<std::u16string> result;
+        for (const std::string& name : names) result.push_back(folder(name));
+        return result;
+    }
     Loaded load() {
         Loaded loaded;
         CachedFolderTable table;
@@ -177,6 +187,19 @@ TEST_F(WatchFolderCacheTest, LoadOutcomesFollowGenerationVersionAndLines) {
         {"older generation with a wrong version", {{g2, u"0.5\n" + line3("a")}}, {}, 1, {}, {}},
         {"generation 1 only", {{g1, u"0.5\n" + line3("a")}}, {}, 1, {}, {}},
         {"no file", {}, {}, 0, {}, {}},
+        // A whole list that a crash kept from being renamed never counts, and is removed unread.
+        {"a stale temporary beside the current file",
+         {{g3, u"0.5\n" + line3("a")}, {Vigil::Watch::kCacheTemporaryName, u"0.5\n" + line3("b")}},
+         {"a"},
+         0,
+         {"WatchFolder.3.cache"},
+         u"0.5\n" + line3("a")},
+        {"a stale temporary alone",
+         {{Vigil::Watch::kCacheTemporaryName, u"0.5\n" + line3("b")}},
+         {},
+         0,
+         {},
+         {}},
         {"current file present: older one untouched",
          {{g3, u"0.5\n" + line3("a")}, {g2, u"0.3\n" + line2("b", u'1')}},
          {"a"},
@@ -191,11 +214,7 @@ TEST_F(WatchFolderCacheTest, LoadOutcomesFollowGenerationVersionAndLines) {
         cache_.setDataFolder(W(data_));
 
         const Loaded loaded = load();
-        std::vector<std::u16string> paths;
-        for (const WatchedFolder& f : loaded.folders) paths.push_back(f.path);
-        std::vector<std::u16string> want;
-        for (const std::string& name : row.loaded) want.push_back(folder(name));
-        EXPECT_EQ(paths, want);
+        EXPECT_EQ(loaded.paths(), folders(row.loaded));
         for (const Guid& guid : loaded.guids) EXPECT_EQ(guid, SequenceGuid());
         EXPECT_EQ(loaded.saves, row.saves);
         EXPECT_EQ(dataFiles(), row.left);
@@ -530,41 +549,15 @@ TEST_F(WatchFolderCacheTest, ADataFolderThatIsALinkOrAnotherUsersIsNotWritten) {
     EXPECT_TRUE(dataFiles().empty());
 }
 
-TEST_F(WatchFolderCacheTest, LoadRemovesAStaleTemporaryUnreadAndTightensAnOpenFile) {
+TEST_F(WatchFolderCacheTest, LoadTightensAnOpenFileAndDoesNotFollowALinkAtItsName) {
     const vigil_test::ScopedUmask openMask(0);
     const std::string current = data_ + "WatchFolder.3.cache";
-    struct Row {
-        const char* what;
-        bool withCurrent;
-        std::vector<std::string> loaded;
-    };
-    const Row rows[] = {{"beside the current file", true, {"a"}},
-                        {"alone", false, {}}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
-        for (const auto& entry : fs::directory_iterator(data_)) fs::remove(entry.path());
-        // A whole list that a crash kept from being renamed: it never counts.
-        put(Vigil::Watch::kCacheTemporaryName, Utf16Le(u"0.5\n" + line3("b")));
-        if (row.withCurrent) {
-            put(Vigil::Watch::kCacheFileName3, Utf16Le(u"0.5\n" + line3("a")));
-            fs::permissions(current, fs::perms(0644));
-        }
-        const Loaded loaded = load();
-        std::vector<std::u16string> want;
-        for (const std::string& name : row.loaded) want.push_back(folder(name));
-        std::vector<std::u16string> paths;
-        for (const WatchedFolder& f : loaded.folders) paths.push_back(f.path);
-        EXPECT_EQ(paths, want);
-        EXPECT_EQ(loaded.saves, 0);
-        EXPECT_EQ(dataFiles(), row.withCurrent ? std::set<std::string>{"WatchFolder.3.cache"}
-                                               : std::set<std::string>{});
-        if (row.withCurrent) {
-            EXPECT_EQ(vigil_test::ModeOf(current.c_str()), 0600);
-        }
-    }
-}
+    put(Vigil::Watch::kCacheFileName3, Utf16Le(u"0.5\n" + line3("a")));
+    fs::permissions(current, fs::perms(0644));
+    EXPECT_EQ(load().paths(), folders({"a"}));
+    EXPECT_EQ(vigil_test::ModeOf(current.c_str()), 0600);
+    fs::remove(current);
 
-TEST_F(WatchFolderCacheTest, LoadDoesNotFollowALinkAtTheFilesName) {
     // A readable list elsewhere, linked in where the current file belongs.
     const std::string elsewhere = root_ / "elsewhere.cache";
     std::ofstream(elsewhere, std::ios::binary) << Utf16Le<std::string>(u"0.5\n" + line3("a"));
@@ -619,28 +612,34 @@ TEST_F(WatchFolderCacheDatabaseTest, OpenTakesOverAnOlderFileWatchesItsFoldersAn
     database.close();
 }
 
-TEST_F(WatchFolderCacheDatabaseTest, OpenThatCannotReadTheCacheRaisesWithTheThreadRunning) {
-    fs::create_directories(data_ + "WatchFolder.cache");  // the last name tried cannot be read
-    Vigil::Watch::Database database;
-    EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 5u);
-    // Opened all the same: a second open neither reads again nor raises, and the thread watches.
-    EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 0u);
-    database.addFolders(SequenceGuid(), {{folder("a"), {1, 1, 0, 0}}});
-    EXPECT_EQ(watchesOnceSettled(database), 1u);
-    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), Utf16Le(u"0.5\n" + line3("a")));
-    database.close();
-}
-
-TEST_F(WatchFolderCacheDatabaseTest, MigrationThatCannotSaveRaisesAndKeepsTheOlderFile) {
-    fs::create_directories(data_ + "WatchFolder.3.cache");  // skipped by the reader, fails the save
-    put(Vigil::Watch::kCacheFileName2, Utf16Le(u"0.3\n" + line2("a", u'1')));
-    Vigil::Watch::Database database;
-    EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 5u);
-    // What was read stays in the table and is watched; the file it came from is not lost.
-    ASSERT_EQ(listed(database).size(), 1u);
-    EXPECT_EQ(watchesOnceSettled(database), 1u);
-    EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName2), Utf16Le(u"0.3\n" + line2("a", u'1')));
-    database.close();
+// An open that cannot read the cache (a folder where the last name is looked for), or whose
+// migration cannot save (a folder in place of the current file), raises 5 with the thread running:
+// what was read stays in the table and is watched, and the older file it came from is not lost.
+TEST_F(WatchFolderCacheDatabaseTest, OpenThatCannotReadOrMigrateRaisesWithTheThreadRunning) {
+    for (const bool migrating : {false, true}) {
+        SCOPED_TRACE(migrating ? "migration" : "unreadable");
+        for (const auto& entry : fs::directory_iterator(data_)) fs::remove_all(entry.path());
+        if (migrating) {
+            fs::create_directories(data_ + "WatchFolder.3.cache");
+            put(Vigil::Watch::kCacheFileName2, Utf16Le(u"0.3\n" + line2("a", u'1')));
+        } else {
+            fs::create_directories(data_ + "WatchFolder.cache");
+        }
+        Vigil::Watch::Database database;
+        EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 5u);
+        // Opened all the same: a second open neither reads again nor raises.
+        EXPECT_EQ(statusOf([&] { database.open(W(data_)); }), 0u);
+        if (migrating) {
+            ASSERT_EQ(listed(database).size(), 1u);
+            EXPECT_EQ(watchesOnceSettled(database), 1u);
+            EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName2), Utf16Le(u"0.3\n" + line2("a", u'1')));
+        } else {
+            database.addFolders(SequenceGuid(), {{folder("a"), {1, 1, 0, 0}}});
+            EXPECT_EQ(watchesOnceSettled(database), 1u);
+            EXPECT_EQ(bytesOf(Vigil::Watch::kCacheFileName3), Utf16Le(u"0.5\n" + line3("a")));
+        }
+        database.close();
+    }
 }
 
 TEST_F(WatchFolderCacheDatabaseTest, SaveThatCannotWriteFailsButKeepsTheChangeAndItsWatch) {
