@@ -1,7 +1,9 @@
-// The console of the process, and the stop signals of console mode.
+// The console of the process, and the stop signals of console mode (and of a service that systemd
+// runs, whose dispatcher takes them as its stop control).
 //
-// A process started by the service manager (VIGIL_SERVICE set and not empty) has no console; any
-// other process has one. AllocConsole is the program's test for which of the two it is.
+// A process started by a service manager (VIGIL_SERVICE or systemd's NOTIFY_SOCKET set and not
+// empty) has no console; any other process has one. AllocConsole is the program's test for which
+// of the two it is.
 #pragma once
 
 #include <cstdint>

@@ -1,9 +1,13 @@
 // The event log.
 //
-// Events are written to syslog(3) under the event source's name and, when the environment variable
-// VIGIL_EVENT_LOG names a file, appended to it as one line each: the id as 0x%08X, one blank, and
-// the message text with its inserts filled in, each CR LF inside it turned into one blank and the
-// final one dropped. An id without a text in the message table is written as the id alone.
+// Events are written to the systemd journal where it runs, one entry each (MESSAGE, PRIORITY,
+// SYSLOG_IDENTIFIER the event source, MESSAGE_ID, VIGIL_EVENT_ID), elsewhere or when the journal
+// refuses them to syslog(3) under the event source's name. When the environment variable
+// VIGIL_EVENT_LOG names a file, each is also appended to it as one line: the id as 0x%08X, one
+// blank, and the message text with its inserts filled in, each CR LF inside it turned into one
+// blank and the final one dropped. An id without a text in the message table is written as the id
+// alone. The journal's MESSAGE is that text without the id, its inner line breaks kept as line
+// feeds; the id alone for an id without a text.
 //
 // Texts come from the program's message table (MessageTable.h) in the language that the
 // environment selects: the first of LC_ALL, LC_MESSAGES and LANG that is set.

@@ -20,6 +20,15 @@ uint64_t ClientsLeftSoFar() { return clientsLeft.load(std::memory_order_relaxed)
 
 void CountClientLeft() { clientsLeft.fetch_add(1, std::memory_order_relaxed); }
 
+uint32_t ConnectedClients() {
+    Osb::MutexLock lock(clientTableMutex);
+    uint32_t count = 0;
+    for (uint32_t slot = 0; slot < kMaxClients; ++slot) {
+        if (clientTable.at(slot)) ++count;
+    }
+    return count;
+}
+
 uint32_t ClientsOfUser(uint32_t uid) {
     Osb::MutexLock lock(clientTableMutex);
     uint32_t count = 0;

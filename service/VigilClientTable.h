@@ -27,6 +27,9 @@ constexpr uint32_t kMaxClientsPerUser = 256;
 // The connections in the table whose peer is `uid`. Takes clientTableMutex.
 uint32_t ClientsOfUser(uint32_t uid);
 
+// The connections in the table. Takes clientTableMutex.
+uint32_t ConnectedClients();
+
 // How many clients have left the table since the process began. Client::onClosed counts them;
 // the service's wait loop reads the count to learn whether connections came and went.
 uint64_t ClientsLeftSoFar();

@@ -110,6 +110,17 @@ class Service {
     // Blocks the caller while the service is paused.
     void waitWhilePaused() OSB_EXCLUDES(mutex);
 
+    // --- Notifications to systemd (VigilServiceNotify.cpp) ----------------------------------
+
+    // Tells a manager that listens for notifications (Osb::ServiceNotify) that the service is now
+    // in `state`: a STATUS= line for `systemctl status`, with the number of watched folders and of
+    // connected clients when running or paused; READY=1 with `ready` (the first RUNNING, once
+    // the pipe accepts clients); STOPPING=1 with STOP_PENDING; the failure's code with STOPPED
+    // when `failure` is not 0. Does nothing when no such manager started the process. Called
+    // without `mutex`: the counts take the client table's and the database's locks.
+    void announce(ServiceState state, bool ready = false, uint32_t failure = 0)
+        OSB_EXCLUDES(mutex);
+
     // --- Setup and control commands (VigilServiceSetup.cpp) ---------------------------------
 
     // Each raises Osb::ExSystem with the failed call's code after closing its handles; a failed

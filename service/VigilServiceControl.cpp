@@ -106,17 +106,33 @@ uint32_t Service::controlHandler(uint32_t control, uint32_t eventType, void* eve
                     // No report here: the manager learns of the stop from the later STOPPED.
                     self->setState(ServiceState::kStopPending, 0);
                 }
+                self->announce(ServiceState::kStopPending);
                 // Wakes the wait loop and every held client; the state stays STOP_PENDING.
                 if (wasPaused) self->resume();
                 return Osb::Err::kSuccess;
             }
+            // Controls come one at a time, so the state read before and after each step is the
+            // one the step found and left, unless a stop came in between; that one is announced
+            // by the stop itself.
             case Osb::SERVICE_CONTROL_PAUSE:
+                if (Has(self->stateWord(), ServiceState::kRunning)) {
+                    self->announce(ServiceState::kPausePending);
+                }
                 self->pause();
                 self->reportStatus(kReportWaitHint);
+                if (Has(self->stateWord(), ServiceState::kPaused)) {
+                    self->announce(ServiceState::kPaused);
+                }
                 return Osb::Err::kSuccess;
             case Osb::SERVICE_CONTROL_CONTINUE:
+                if (Has(self->stateWord(), ServiceState::kPaused)) {
+                    self->announce(ServiceState::kContinuePending);
+                }
                 self->resume();
                 self->reportStatus(kReportWaitHint);
+                if (Has(self->stateWord(), ServiceState::kRunning)) {
+                    self->announce(ServiceState::kRunning);
+                }
                 return Osb::Err::kSuccess;
             case Osb::SERVICE_CONTROL_INTERROGATE:
             case Osb::SERVICE_CONTROL_PARAMCHANGE:

@@ -8,6 +8,7 @@
 #include "platform/IoDevicePipeServer.h"
 #include "platform/Platform.h"
 #include "platform/Process.h"
+#include "platform/ServiceNotify.h"
 #include "platform/Sleep.h"
 #include "platform/SysLog.h"
 #include "service/VigilClientAccept.h"
@@ -126,8 +127,17 @@ int Service::execute() {
                 {kServiceName.c_str(), &Service::ServiceMain},
                 {nullptr, nullptr},
             };
-            // A failure here is silent: the process ends as after a normal run.
-            Osb::StartServiceCtrlDispatcherW(table);
+            // A failure here is silent under the own manager: the process ends as after a normal
+            // run. systemd waits for a READY=1 that will not come: it hears why, and the process
+            // leaves with the code.
+            if (!Osb::StartServiceCtrlDispatcherW(table) && Osb::ServiceNotifyWanted()) {
+                const uint32_t code = Osb::ErrorCode();
+                {
+                    Osb::MutexLock lock(mutex);
+                    setState(ServiceState::kStopped, code);
+                }
+                announce(ServiceState::kStopped, false, code);
+            }
         } catch (const Osb::Exception& failure) {
             LogFailure(failure);
         }
@@ -179,11 +189,17 @@ int Service::run() {
 
     // A stop that came in during the start (a console Ctrl+C) is kept: the two start reports
     // would otherwise overwrite it and the service would run on.
+    // The pipe accepts clients from here on, so RUNNING is also the moment to say ready.
     for (ServiceState next : {ServiceState::kStartPending, ServiceState::kRunning}) {
-        Osb::MutexLock lock(mutex);
-        if (state_.load(std::memory_order_acquire) & StateBit(ServiceState::kStopPending)) break;
-        setState(next, 0);
-        reportStatus(kReportWaitHint);
+        {
+            Osb::MutexLock lock(mutex);
+            if (state_.load(std::memory_order_acquire) & StateBit(ServiceState::kStopPending)) {
+                break;
+            }
+            setState(next, 0);
+            reportStatus(kReportWaitHint);
+        }
+        announce(next, next == ServiceState::kRunning);
     }
     Osb::SysLogEvent(MessageId::kStarted);
     if (!Osb::SetProcessWorkingSetSize(Osb::GetCurrentProcess(), static_cast<size_t>(-1),
@@ -214,6 +230,7 @@ int Service::run() {
     }
 
     setStateAndReport(ServiceState::kStopped, 0, kReportWaitHint);
+    announce(ServiceState::kStopped);
     Osb::SysLogEvent(MessageId::kStopped);
     steps.takeDown();
     return 0;
@@ -224,6 +241,7 @@ void Service::reportFailureToManager(uint32_t code) {
         Osb::MutexLock lock(mutex);
         setState(ServiceState::kStopped, code);
     }
+    announce(ServiceState::kStopped, false, code);
     // Sent directly: reportStatus would zero the exit code of STOPPED, and this is the one report
     // that must carry it.
     Osb::MutexLock reportLock(reportMutex_);

@@ -15,6 +15,8 @@ namespace Osb {
 int AllocConsole() {
     const char* service = std::getenv("VIGIL_SERVICE");
     if (service != nullptr && *service != '\0') return 1;
+    const char* notify = std::getenv("NOTIFY_SOCKET");  // started by systemd
+    if (notify != nullptr && *notify != '\0') return 1;
     SetLastError(Err::kAccessDenied);  // what Windows says when a console is already attached
     return 0;
 }

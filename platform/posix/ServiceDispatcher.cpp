@@ -1,5 +1,10 @@
 // The service's side of the service manager: the dispatcher that the process's main thread turns
 // into, the registration of the control handler, and the status reports. One service per process.
+//
+// Two managers start services: the program's own, which sets VIGIL_SERVICE to the service's name,
+// and systemd, which sets NOTIFY_SOCKET. Under systemd the service is known by the name in the
+// dispatcher's table (the name it is installed under), its output goes where systemd points it
+// (the journal) instead of NAME.log, and SIGTERM and SIGINT are its stop control.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
@@ -13,11 +18,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <thread>
 
+#include "platform/Console.h"
 #include "platform/ErrorCode.h"
 #include "platform/Mutex.h"
 #include "platform/ServiceControl.h"
+#include "platform/ServiceNotify.h"
 #include "platform/SystemRoot.h"
 #include "platform/Utf.h"
 #include "platform/posix/OutputCapture.h"
@@ -50,6 +58,10 @@ struct Dispatcher {
     SERVICE_STATUS status OSB_GUARDED_BY(mutex) = {};
     bool stopped OSB_GUARDED_BY(mutex) = false;         // SERVICE_STOPPED has been reported
     bool serviceReturned OSB_GUARDED_BY(mutex) = false;  // the service's thread has returned
+    // A stop signal came in and has not been passed to the handler yet. It is passed on the
+    // dispatcher's thread once the service reports running or paused, so that a signal during
+    // the start is kept until the service can act on it, as a stop control from the endpoint is.
+    bool stopSignalled OSB_GUARDED_BY(mutex) = false;
     // Written (one byte) whenever one of the fields above changes, to wake the dispatcher's poll.
     // Set before the service's thread starts and closed after it is joined.
     int wakeWrite = -1;
@@ -194,14 +206,36 @@ int TakeInstanceLock(const std::string& name, uint32_t& code) {
     return -1;
 }
 
+// A stop signal, on the stop handler's thread. The dispatcher's thread passes it on.
+bool OnStopSignal(uint32_t) {
+    MutexLock lock(dispatcher.mutex);
+    dispatcher.stopSignalled = true;
+    Wake();
+    return true;
+}
+
 // Serves the endpoint until the service has reported SERVICE_STOPPED or its thread has returned.
 void ServeUntilDone(int wakeRead) {
     for (;;) {
         int listenFd = -1;
+        LPHANDLER_FUNCTION_EX stopNow = nullptr;
+        void* context = nullptr;
         {
             MutexLock lock(dispatcher.mutex);
             if (dispatcher.stopped || dispatcher.serviceReturned) return;
             listenFd = dispatcher.listenFd;
+            const uint32_t state = dispatcher.status.dwCurrentState;
+            if (dispatcher.stopSignalled && dispatcher.handler != nullptr &&
+                (state == SERVICE_RUNNING || state == SERVICE_PAUSED)) {
+                dispatcher.stopSignalled = false;
+                stopNow = dispatcher.handler;
+                context = dispatcher.context;
+            }
+        }
+        if (stopNow != nullptr) {
+            // Outside the lock: the handler reports its status, and SetServiceStatus takes it.
+            stopNow(SERVICE_CONTROL_STOP, 0, nullptr, context);
+            continue;
         }
         pollfd entries[2] = {{wakeRead, POLLIN, 0}, {listenFd, POLLIN, 0}};
         const int ready = ::poll(entries, listenFd >= 0 ? 2 : 1, -1);
@@ -218,13 +252,18 @@ void ServeUntilDone(int wakeRead) {
 
 bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table) {
     const char* variable = std::getenv("VIGIL_SERVICE");
-    if (variable == nullptr || *variable == '\0' || table == nullptr ||
-        table[0].lpServiceProc == nullptr) {
+    // The own manager's variable decides first: a service it starts from a shell that systemd
+    // runs inherits NOTIFY_SOCKET too, and is still the own manager's.
+    const bool ownManager = variable != nullptr && *variable != '\0';
+    const bool systemd = !ownManager && ServiceNotifyWanted();
+    if ((!ownManager && !systemd) || table == nullptr || table[0].lpServiceProc == nullptr ||
+        (systemd && table[0].lpServiceName == nullptr)) {
         SetLastError(Err::kFailedServiceControllerConnect);
         return false;
     }
-    const std::string name = variable;
-    std::u16string serviceName = Utf8ToUtf16(name);
+    std::u16string serviceName =
+        ownManager ? Utf8ToUtf16(variable) : std::u16string(table[0].lpServiceName);
+    const std::string name = Utf16ToUtf8(serviceName);
     if (!Scm::ValidServiceName(serviceName)) {
         SetLastError(Err::kInvalidName);
         return false;
@@ -248,7 +287,7 @@ bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table) {
     // Under the lock, so that only one process at a time rotates the log. Should the log not
     // open, the output goes on where the starter pointed it.
     Scm::OutputCapture output;
-    if (Scm::CreatePrivateFolder(ParentOf(Scm::LogPath(name))) == Err::kSuccess) {
+    if (ownManager && Scm::CreatePrivateFolder(ParentOf(Scm::LogPath(name))) == Err::kSuccess) {
         output.begin(Scm::LogPath(name), Scm::kServiceLogLimit, Scm::kServiceLogKeep);
     }
     {
@@ -261,8 +300,12 @@ bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table) {
         dispatcher.status = {};
         dispatcher.stopped = false;
         dispatcher.serviceReturned = false;
+        dispatcher.stopSignalled = false;
         dispatcher.wakeWrite = wake[1];
     }
+    // systemd stops a service with SIGTERM; the own manager through the endpoint.
+    std::optional<ConsoleStopHandler> stopSignals;
+    if (systemd) stopSignals.emplace(&OnStopSignal);
     const LPSERVICE_MAIN_FUNCTIONW serviceMain = table[0].lpServiceProc;
     std::thread service([serviceMain, &serviceName] {
         char16_t* argv[] = {serviceName.data(), nullptr};
@@ -285,6 +328,7 @@ bool StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRY* table) {
     // The service's thread may still be winding down after its report of SERVICE_STOPPED; the
     // dispatcher returns only after it, so that main never ends under that thread's feet.
     service.join();
+    stopSignals.reset();
     // A deletion asked for while the service ran completes now, under this process's lock, so no
     // new start can slip in between.
     if (::access(Scm::DeleteMarkPath(name).c_str(), F_OK) == 0) {

@@ -53,7 +53,12 @@ uint32_t LaunchService(const std::string& name, const std::string& binaryPath, i
     const std::string serviceVariable = "VIGIL_SERVICE=" + name;
     std::vector<char*> env;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        if (std::strncmp(*entry, "VIGIL_SERVICE=", 14) != 0) env.push_back(*entry);
+        // NOTIFY_SOCKET belongs to the starter: a service of the own manager must not report to
+        // the systemd unit that the starter may run in.
+        if (std::strncmp(*entry, "VIGIL_SERVICE=", 14) != 0 &&
+            std::strncmp(*entry, "NOTIFY_SOCKET=", 14) != 0) {
+            env.push_back(*entry);
+        }
     }
     env.push_back(const_cast<char*>(serviceVariable.c_str()));
     env.push_back(nullptr);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <set>
+#include <string>
 
 #include "platform/ErrorCode.h"
 #include "platform/Exception.h"
@@ -17,6 +18,7 @@
 #include "platform/Platform.h"
 #include "platform/Registry.h"
 #include "platform/Utf.h"
+#include "platform/posix/Journal.h"
 
 namespace Osb {
 
@@ -97,8 +99,9 @@ std::string EventLine(uint32_t id, std::u16string_view text) {
     return line;
 }
 
-// The syslog priority from the severity bits of a message id (success, informational, warning,
-// error).
+// The priority from the severity bits of a message id: error 3, warning 4, informational 6, and
+// success 5 (notice), so that the service's starts, pauses and stops stand out from informational
+// chatter (`journalctl -p notice`).
 int Priority(uint32_t id) {
     switch (id >> 30) {
         case 3:
@@ -106,10 +109,44 @@ int Priority(uint32_t id) {
         case 2:
             return LOG_WARNING;
         case 1:
-            return LOG_NOTICE;
-        default:
             return LOG_INFO;
+        default:
+            return LOG_NOTICE;
     }
+}
+
+// The MESSAGE of a journal entry: the text of the file's line without the id. The journal keeps
+// several lines in one entry, so a line break inside the text (only an insert brings one) stays a
+// line feed there, where the file folds it. An id without a text is named by itself, as in the
+// file, so that no entry is blank.
+std::string JournalMessage(uint32_t id, std::u16string_view text) {
+    if (text.size() >= 2 && text.substr(text.size() - 2) == u"\r\n") text.remove_suffix(2);
+    if (text.empty()) {
+        char name[16];
+        std::snprintf(name, sizeof(name), "0x%08X", static_cast<unsigned>(id));
+        return name;
+    }
+    std::u16string lines;
+    lines.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == u'\r' && i + 1 < text.size() && text[i + 1] == u'\n') ++i;
+        lines.push_back(text[i] == u'\r' ? u'\n' : text[i]);
+    }
+    return Utf16ToUtf8(lines);
+}
+
+// One journal entry for the event; false when the journal does not take it.
+bool SendToJournal(uint32_t id, std::u16string_view text, const std::string& identity) {
+    char eventId[16];
+    std::snprintf(eventId, sizeof(eventId), "0x%08X", static_cast<unsigned>(id));
+    const std::string priority = std::to_string(Priority(id));
+    const std::string message = JournalMessage(id, text);
+    const std::string messageId = Journal::MessageId(id);
+    return Journal::Send(Journal::Encode({{"MESSAGE", message},
+                                          {"PRIORITY", priority},
+                                          {"SYSLOG_IDENTIFIER", identity},
+                                          {"MESSAGE_ID", messageId},
+                                          {"VIGIL_EVENT_ID", eventId}}));
 }
 
 void AppendLine(const char* file, const std::string& line) {
@@ -134,13 +171,17 @@ void WriteEvent(uint32_t id, std::initializer_list<std::u16string_view> inserts)
     std::string identity = Utf16ToUtf8(CurrentConfig().applicationName);
     if (identity.empty()) identity = kDefaultIdentity;
     const char* file = std::getenv("VIGIL_EVENT_LOG");
+    // The journal where it runs; syslog where it does not, or when it refuses the entry.
+    const bool journaled = SendToJournal(id, text, identity);
 
     MutexLock lock(logMutex);
-    if (openedIdentity == nullptr || *openedIdentity != identity) {
-        openedIdentity = &*identities.insert(identity).first;
-        ::openlog(openedIdentity->c_str(), LOG_PID, LOG_DAEMON);
+    if (!journaled) {
+        if (openedIdentity == nullptr || *openedIdentity != identity) {
+            openedIdentity = &*identities.insert(identity).first;
+            ::openlog(openedIdentity->c_str(), LOG_PID, LOG_DAEMON);
+        }
+        ::syslog(Priority(id), "%.*s", static_cast<int>(line.size() - 1), line.c_str());
     }
-    ::syslog(Priority(id), "%.*s", static_cast<int>(line.size() - 1), line.c_str());
     if (file != nullptr && *file != '\0') AppendLine(file, line);
 }
 
