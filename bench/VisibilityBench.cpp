@@ -350,7 +350,7 @@ int main(int argc, char** argv) {
             // The watch thread lets go of 20,000 kernel watches: let it finish before the next
             // round's request, which would otherwise wait for the thread's lock.
             WaitUntil([&] {
-                return database.activeWatchesForTesting() <= 2 &&
+                return database.activeWatches() <= 2 &&
                        database.startsSettledForTesting();
             });
             std::this_thread::sleep_for(std::chrono::milliseconds(50));

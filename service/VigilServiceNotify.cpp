@@ -12,10 +12,9 @@ namespace Vigil {
 namespace {
 
 // "Running: 3 folders watched, 1 client connected". The folders are those with a running watch:
-// a folder whose watch could not start (gone, unreadable) is not counted. The database offers that
-// count only under its name for tests; it takes the database lock and the watch thread's.
+// a folder whose watch could not start (gone, unreadable) is not counted.
 std::string Counts(const char* state) {
-    const size_t folders = Watch::ProcessDatabase().activeWatchesForTesting();
+    const size_t folders = Watch::ProcessDatabase().activeWatches();
     const uint32_t clients = ConnectedClients();
     char line[160];
     std::snprintf(line, sizeof(line), "%s: %zu folder%s watched, %u client%s connected", state,

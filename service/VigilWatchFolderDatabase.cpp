@@ -330,7 +330,7 @@ bool Database::startsSettledForTesting() {
     return !thread_ || thread_->startsSettled();
 }
 
-size_t Database::activeWatchesForTesting() {
+size_t Database::activeWatches() {
     Osb::MutexLock lock(mutex_);
     return thread_ ? thread_->activeCount() : 0;
 }

@@ -139,11 +139,13 @@ class Database {
     void addFoldersLocked(const Guid& guid, const std::vector<WatchedFolder>& folders)
         OSB_REQUIRES(mutex_);
 
+    // The folders with a running watch (one per folder of each client): a folder whose watch could
+    // not start is not counted. Takes the database lock, then the watch thread's.
+    size_t activeWatches();
     // For tests: the current cache file's path, and whether every start queued so far has been
     // tried by the watch thread (true when there is no thread).
     std::u16string cachePathForTesting();
     bool startsSettledForTesting();
-    size_t activeWatchesForTesting();
     // For benchmarks: runs `work` with the database lock held, so completions wait behind it.
     void runLockedForTesting(const std::function<void()>& work);
 

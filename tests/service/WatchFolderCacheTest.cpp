@@ -579,7 +579,7 @@ class WatchFolderCacheDatabaseTest : public WatchFolderCacheTest {
     }
     static size_t watchesOnceSettled(Vigil::Watch::Database& database) {
         EXPECT_TRUE(vigil_test::PollUntil([&] { return database.startsSettledForTesting(); }));
-        return database.activeWatchesForTesting();
+        return database.activeWatches();
     }
     static uint32_t statusOf(const std::function<void()>& work) {
         try {
@@ -656,7 +656,7 @@ TEST_F(WatchFolderCacheDatabaseTest, SaveThatCannotWriteFailsButKeepsTheChangeAn
     EXPECT_EQ(watchesOnceSettled(database), 2u);
     EXPECT_EQ(statusOf([&] { database.removeFolders(SequenceGuid(), {{folder("a"), {}}}); }), 5u);
     ASSERT_EQ(listed(database).size(), 1u);
-    EXPECT_EQ(database.activeWatchesForTesting(), 1u);
+    EXPECT_EQ(database.activeWatches(), 1u);
     // Removing the last folder leaves an empty table, which writes nothing and so cannot fail.
     EXPECT_EQ(statusOf([&] { database.removeFolders(SequenceGuid(), {{folder("b"), {}}}); }), 0u);
     // Once the file can be written again, the next change writes the whole table.

@@ -245,7 +245,7 @@ TEST_F(WatchFolderDatabaseTest, AFailedStartLeavesTheOtherWatchesWorking) {
     const std::u16string good = folder("good");
     database_.addFolders(kOne, {{u"/no/such/folder/", {0, 1, 0, 0}}, {good, {0, 1, 0, 0}}});
     ASSERT_TRUE(PollUntil([&] { return database_.startsSettledForTesting(); }));
-    EXPECT_EQ(database_.activeWatchesForTesting(), 1u);
+    EXPECT_EQ(database_.activeWatches(), 1u);
     std::ofstream(root_ / "good/file") << "x";
     EXPECT_TRUE(PollUntil([&] { return changes(kOne, good) == Names{u"file"}; }));
     EXPECT_EQ(folders(database_, kOne).size(), 1u);  // the missing one is dropped by the listing
@@ -272,7 +272,7 @@ TEST_F(WatchFolderDatabaseTest, CloseUnderTrafficThenRequestsStillWork) {
     database_.addFolders(kTwo, {{later, {0, 1, 0, 0}}});
     database_.removeFolders(kOne, {{busy, {}}});
     EXPECT_EQ(folders(database_, kTwo).size(), 1u);
-    EXPECT_EQ(database_.activeWatchesForTesting(), 0u);
+    EXPECT_EQ(database_.activeWatches(), 0u);
 }
 
 // A watch the kernel refuses for want of room (its watch limit lowered in a user namespace of a
@@ -292,7 +292,7 @@ TEST(WatchFolderDatabaseLimitTest, AWatchRefusedForWantOfRoomLeavesTheFolderWatc
         database.open(Osb::Utf8ToUtf16(root / "data/"));
         database.addFolders(kOne, {{tree, {1, 1, 0, 0}}});
         if (!PollUntil([&] { return database.startsSettledForTesting(); })) _exit(2);
-        if (database.activeWatchesForTesting() != 1) _exit(3);
+        if (database.activeWatches() != 1) _exit(3);
         fs::create_directories(root / "tree/refused");
         std::ofstream(root / "tree/inside/after") << "x";
         const bool reported = PollUntil([&] {
