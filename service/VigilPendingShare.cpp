@@ -47,7 +47,8 @@ void PendingShare::release(uint32_t owner, const std::u16string& folder, size_t 
     // log a pair of lines with every collection.
     if (usage.full && usage.bytes <= bound_ / 4 * 3) {
         usage.full = false;
-        std::fprintf(stderr, "pending names of folders of user %u are under their bound again (%s)\n",
+        std::fprintf(stderr,
+                     "pending names of folders of user %u are under their bound again (%s)\n",
                      owner, Osb::Utf16ToUtf8(folder).c_str());
     }
     if (usage.bytes == 0 && !usage.full) owners_.erase(it);

@@ -25,7 +25,8 @@ void Watcher::refreshWatchShare() {
     size_t kernel = kFallbackKernelWatches;
     if (FILE* file = std::fopen("/proc/sys/fs/inotify/max_user_watches", "re")) {
         unsigned long long value = 0;
-        if (std::fscanf(file, "%llu", &value) == 1 && value > 0) kernel = static_cast<size_t>(value);
+        if (std::fscanf(file, "%llu", &value) == 1 && value > 0)
+            kernel = static_cast<size_t>(value);
         std::fclose(file);
     }
     watchShare = kernel / kWatchShareDivisor;
@@ -82,8 +83,6 @@ bool IsLimitedOwner(uint32_t owner) {
 
 bool WatchShareReached(uint32_t owner) { return detail::Watcher::instance().shareReached(owner); }
 
-void SetWatchShareForTesting(size_t watches) {
-    detail::Watcher::instance().setWatchShare(watches);
-}
+void SetWatchShareForTesting(size_t watches) { detail::Watcher::instance().setWatchShare(watches); }
 
 }  // namespace Osb

@@ -1,6 +1,5 @@
 // Shares of kernel watches per owner of the watched folders.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <filesystem>

@@ -26,7 +26,8 @@ constexpr size_t kFits = 5;
 
 Names Numbered(const std::u16string& prefix, int count) {
     Names names;
-    for (int i = 0; i < count; ++i) names.push_back(prefix + Osb::Utf8ToUtf16(std::to_string(10 + i)));
+    for (int i = 0; i < count; ++i)
+        names.push_back(prefix + Osb::Utf8ToUtf16(std::to_string(10 + i)));
     return names;
 }
 
