@@ -78,7 +78,9 @@ bool GetFolderOwner(const std::u16string& path, uint32_t& owner) {
 }
 
 bool IsLimitedOwner(uint32_t owner) {
-    return owner != 0 && owner != static_cast<uint32_t>(::geteuid());
+    // Asked once per batch of changes: the service's user does not change while it runs.
+    static const uint32_t serviceUser = static_cast<uint32_t>(::geteuid());
+    return owner != 0 && owner != serviceUser;
 }
 
 bool WatchShareReached(uint32_t owner) { return detail::Watcher::instance().shareReached(owner); }
