@@ -15,6 +15,8 @@
 //     max_user_watches): another error code (112 for the limit), bytes 0, after the changes held
 //     before it. The handle goes on: that directory is left out, the rest of the tree stays
 //     watched, and the next read carries on. The folder itself refused fails the first read.
+//   - a directory past its owner's share of kernel watches (folders not owned by root or by this
+//     process's user: a quarter of the kernel's limit per owner): 1816, handled as above.
 // Changes that arrive while no read is outstanding are kept and delivered by the next read, over
 // as many reads as they need.
 //
@@ -87,6 +89,17 @@ bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool
 
 // Closes the handle: an outstanding read completes with 0 bytes. Any thread.
 void CloseDirectory(HDirectory handle);
+
+// The owner (user id) of the folder `path` names, a symbolic link followed; false with the last
+// error set when it cannot be looked at.
+bool GetFolderOwner(const std::u16string& path, uint32_t& owner);
+// Whether folders of `owner` are held to a share (neither root nor this process's user).
+bool IsLimitedOwner(uint32_t owner);
+// Whether `owner` holds its whole share of kernel watches (never, for an owner not limited).
+bool WatchShareReached(uint32_t owner);
+// For tests: a share of kernel watches per limited owner instead of the kernel's limit's quarter
+// (0: back to that), for the trees watched from then on.
+void SetWatchShareForTesting(size_t watches);
 
 // For tests: the directories the backend watches right now, over every open handle (a directory
 // watched by two handles of one queue counts once).

@@ -55,6 +55,7 @@ constexpr uint32_t kServiceMarkedForDelete = 1072;
 constexpr uint32_t kServiceExists = 1073;
 constexpr uint32_t kIoDevice = 1117;
 constexpr uint32_t kTimeout = 1460;
+constexpr uint32_t kNotEnoughQuota = 1816;
 constexpr uint32_t kCantResolveFilename = 1921;
 }  // namespace Err
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "platform/DirectoryChanges.h"
 #include "platform/FileSystem.h"
 #include "service/VigilWatchFolderThread.h"
 
@@ -88,6 +89,7 @@ bool Database::removeFoldersLocked(const Guid& guid, const std::vector<WatchedFo
             for (auto it = first; it != last; ++it) {
                 if (it->second.folder != folder.path) continue;
                 if (it->second.names.empty()) {
+                    recountLocked(it->second, 0);
                     pending_.erase(it);
                 } else {
                     it->second.gone = true;
@@ -102,6 +104,7 @@ bool Database::removeFoldersLocked(const Guid& guid, const std::vector<WatchedFo
         auto [first, last] = pending_.equal_range(guid);
         for (auto it = first; it != last; ++it) {
             if (it->second.folder != folder.path) continue;
+            recountLocked(it->second, 0);
             pending_.erase(it);
             break;
         }
@@ -151,6 +154,7 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
             names = std::move(it->second.names);
             it->second.names.clear();
             it->second.directories.clear();
+            recountLocked(it->second, 0);
             // Nothing more can come to a folder that went: its record has served.
             if (it->second.gone) pending_.erase(it);
         } else {
@@ -175,6 +179,7 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
                 names = std::move(record.names);
                 record.names.clear();
                 record.directories.clear();
+                recountLocked(record, 0);
                 if (record.gone) pending_.erase(it);
             } else {
                 names = record.names;
@@ -209,6 +214,7 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
             (take ? names : kept).push_back(std::move(name));
         }
         list = std::move(kept);
+        if (record.bytes != 0) recountLocked(record, PendingShare::cost(list));
         if (list.empty()) {
             record.directories.clear();
             if (record.gone) pending_.erase(it);
@@ -245,10 +251,24 @@ void Database::addChanges(const Guid& guid, const std::u16string& folder,
 }
 
 void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
-                                std::vector<std::u16string>&& names) {
+                                std::vector<std::u16string>&& names, uint32_t owner) {
+    // Root's and the service user's folders pay no more than this test per batch.
+    size_t admitted = 0;
+    const bool limited = owner != 0 && Osb::IsLimitedOwner(owner);
+    if (limited) {
+        admitted = shares_.admit(owner, folder, names);
+        if (names.empty()) return;
+    }
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
+        if (limited) {
+            // A folder of that path owned by another user before: its names are no longer
+            // counted for that user.
+            if (it->second.owner != owner) recountLocked(it->second, 0);
+            it->second.owner = owner;
+            it->second.bytes += admitted;
+        }
         std::vector<std::u16string>& list = it->second.names;
         if (it->second.filed) fileDirectories(it->second, names.begin(), names.end());
         if (list.empty()) {
@@ -263,13 +283,15 @@ void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
     PendingRecord record;
     record.folder = folder;
     record.names = std::move(names);
+    record.owner = owner;
+    record.bytes = admitted;
     pending_.insert({guid, std::move(record)});
 }
 
 void Database::addWatchChanges(const Guid& guid, const std::u16string& folder,
-                               std::vector<std::u16string>&& names) {
+                               std::vector<std::u16string>&& names, uint32_t owner) {
     Osb::MutexLock lock(mutex_);
-    if (hasFolderLocked(guid, folder)) addChangesLocked(guid, folder, std::move(names));
+    if (hasFolderLocked(guid, folder)) addChangesLocked(guid, folder, std::move(names), owner);
 }
 
 void Database::removeChanges(const Guid& guid, const std::u16string& folder,
@@ -293,6 +315,7 @@ void Database::removeChanges(const Guid& guid, const std::u16string& folder,
                 return std::binary_search(gone.begin(), gone.end(), &name, less);
             });
         }
+        if (it->second.bytes != 0) recountLocked(it->second, PendingShare::cost(list));
         if (list.empty()) pending_.erase(it);
         return;
     }

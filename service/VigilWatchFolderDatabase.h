@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/Mutex.h"
+#include "service/VigilPendingShare.h"
 #include "service/VigilWatchFolderCache.h"
 #include "service/VigilWatchTypes.h"
 
@@ -55,6 +56,10 @@ struct PendingRecord {
     // Guarded, like the rest of the record, by the database lock.
     bool filed = false;
     DirectorySet directories;
+    // The owner of the watched folder, and the bytes its names are counted for in that owner's
+    // bound (PendingShare; 0 for the owners without one).
+    uint32_t owner = 0;
+    size_t bytes = 0;
 };
 
 class Database {
@@ -126,8 +131,12 @@ class Database {
     // addChanges for the watch of (guid, folder): nothing is added once the client no longer has
     // the folder, so that a batch that was on its way while the folder was removed leaves no
     // names behind to reappear for a later folder of the same path.
+    // `owner` owns the folder (found when its watch began): names past its bound are dropped.
     void addWatchChanges(const Guid& guid, const std::u16string& folder,
-                         std::vector<std::u16string>&& names);
+                         std::vector<std::u16string>&& names, uint32_t owner = 0);
+    // Whether folders of `owner` can take nothing more: its pending names at their bound, or its
+    // share of kernel watches all held. Never for root or the service's user.
+    bool ownerShareReached(uint32_t owner);
     // Takes every occurrence of each name off the folder's list; an empty list then goes.
     void removeChanges(const Guid& guid, const std::u16string& folder,
                        const std::vector<std::u16string>& names);
@@ -148,6 +157,9 @@ class Database {
     bool startsSettledForTesting();
     // For benchmarks: runs `work` with the database lock held, so completions wait behind it.
     void runLockedForTesting(const std::function<void()>& work);
+    void setPendingBoundForTesting(size_t bytes);
+    size_t droppedNamesForTesting();
+    size_t pendingBytesForTesting(uint32_t owner);
 
   private:
     // Stops and removes the listed paths the client has; `keepNames` marks their pending records
@@ -156,7 +168,10 @@ class Database {
                              bool keepNames) OSB_REQUIRES(mutex_);
     bool hasFolderLocked(const Guid& guid, const std::u16string& path) OSB_REQUIRES(mutex_);
     void addChangesLocked(const Guid& guid, const std::u16string& folder,
-                          std::vector<std::u16string>&& names) OSB_REQUIRES(mutex_);
+                          std::vector<std::u16string>&& names, uint32_t owner = 0)
+        OSB_REQUIRES(mutex_);
+    // Sets the bytes the record's names are counted for, giving back the difference.
+    void recountLocked(PendingRecord& record, size_t bytes) OSB_REQUIRES(mutex_);
     // Adds the directories of the names in [first, last) to the record's. REQUIRES: the lock.
     static void fileDirectories(PendingRecord& record,
                                 std::vector<std::u16string>::const_iterator first,
@@ -170,6 +185,7 @@ class Database {
     // Set by open, unhooked (null) by close before it waits for the thread.
     std::unique_ptr<Thread> thread_ OSB_GUARDED_BY(mutex_);
     WatchFolderCache cache_ OSB_GUARDED_BY(mutex_);
+    PendingShare shares_ OSB_GUARDED_BY(mutex_);
 };
 
 // The process-wide database that the request handlers use. It exists from first use on.

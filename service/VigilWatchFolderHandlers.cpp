@@ -4,7 +4,9 @@
 #include <string>
 #include <unordered_set>
 
+#include "platform/DirectoryChanges.h"
 #include "platform/ErrorCode.h"
+#include "platform/Exception.h"
 #include "platform/FileSystem.h"
 #include "service/VigilClientIo.h"
 #include "service/VigilExceptions.h"
@@ -83,6 +85,19 @@ void HandleGetFolders(const ClientSoftRef& client, uint32_t requestId, const Req
     SendFolderList(client, requestId, folders);
 }
 
+// A user whose folders hold their whole share (of kernel watches or of pending names) gets no
+// more of them watched for a client that does not see everything: the request is refused whole
+// (1816), as for a folder the client may not see. A path that cannot be looked at is left to the
+// watch's own start to report.
+static void RequireRoomForOwners(const std::vector<Watch::WatchedFolder>& folders) {
+    for (const Watch::WatchedFolder& folder : folders) {
+        uint32_t owner = 0;
+        if (!Osb::GetFolderOwner(folder.path, owner)) continue;
+        if (Watch::ProcessDatabase().ownerShareReached(owner))
+            throw Osb::ExSystem(Osb::Err::kNotEnoughQuota, OSB_HERE);
+    }
+}
+
 void HandleAddFolders(const ClientSoftRef& client, uint32_t requestId, const RequestBody& body) {
     std::vector<Watch::WatchedFolder> folders;
     Visibility visibility(client->peer);
@@ -92,6 +107,7 @@ void HandleAddFolders(const ClientSoftRef& client, uint32_t requestId, const Req
     } else {
         ParseFolderList(body, folders, &visibility);
     }
+    if (visibility.restricted()) RequireRoomForOwners(folders);
     Watch::ProcessDatabase().addFolders(client->guid, folders);
     SendStatusReply(client, requestId, kAddFoldersReply);
 }

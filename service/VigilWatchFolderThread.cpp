@@ -99,6 +99,8 @@ void Thread::beginWatch(const Guid& guid, const std::u16string& path,
     record->handle = handle;
     record->guid = guid;
     record->path = path;
+    // Unknown (gone meanwhile, say): counted as root's, as the read will end the watch soon.
+    if (!Osb::GetFolderOwner(path, record->owner)) record->owner = 0;
     record->watchSubtree = options.watchSubtree;
     record->reportChanged = options.reportChanged;
     record->reportRemoved = options.reportRemoved;

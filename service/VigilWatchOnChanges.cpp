@@ -99,7 +99,8 @@ void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* ove
     // of a folder that drops removed names.
     if (!batch.added.empty()) {
         Guarded(*record, "adding changes", [&] {
-            database.addWatchChanges(record->guid, record->path, std::move(batch.added));
+            database.addWatchChanges(record->guid, record->path, std::move(batch.added),
+                                     record->owner);
         });
     }
     if (!batch.dropped.empty()) {

@@ -135,6 +135,8 @@ const char* WindowsText(uint32_t code) {
             return "The request could not be performed because of an I/O device error.";
         case Err::kTimeout:
             return "This operation returned because the timeout period expired.";
+        case Err::kNotEnoughQuota:
+            return "Not enough quota is available to process this command.";
         case Err::kCantResolveFilename:
             return "The name of the file cannot be resolved by the system.";
         default:

@@ -25,9 +25,12 @@ uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool repo
             return 0;
         return SetLastErrorFromErrno(errno, path.c_str());
     }
+    // Past the owner's share: left out as a directory the kernel refuses, with its own code.
+    if (!subscribe(h, wd, relative)) {
+        SetLastError(Err::kNotEnoughQuota);
+        return Err::kNotEnoughQuota;
+    }
     if (relative.empty()) h->rootWd = wd;
-    if (h->dirs.find(wd) == h->dirs.end()) h->queue->subscribers[wd].push_back(h);
-    h->dirs[wd] = relative;
     // Made during a rescan: it is in the tree, and the rescan's end must not let go of it.
     if (h->rescanning) h->rescanned.insert(wd);
     if (!h->subtree && !report) return 0;
@@ -64,6 +67,11 @@ void Watcher::unwatch(HDirectory h, int wd) {
     if (it->second.empty()) {
         q.subscribers.erase(it);
         ::inotify_rm_watch(q.fd, wd);
+        auto charged = q.chargedTo.find(wd);
+        if (charged != q.chargedTo.end()) {
+            --ownerWatches[charged->second];
+            q.chargedTo.erase(charged);
+        }
     }
 }
 

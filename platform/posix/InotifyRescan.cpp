@@ -68,8 +68,10 @@ void Watcher::rescanDirectory(HDirectory h, const std::string& relative) {
             h->failure = SetLastErrorFromErrno(error, path.c_str());
         return;  // gone meanwhile, or unreadable: left out, as when the tree was first watched
     }
-    if (h->dirs.find(wd) == h->dirs.end()) h->queue->subscribers[wd].push_back(h);
-    h->dirs[wd] = relative;
+    if (!subscribe(h, wd, relative)) {
+        h->failure = Err::kNotEnoughQuota;  // past the owner's share: left out
+        return;
+    }
     h->rescanned.insert(wd);
     DIR* dir = ::opendir(path.c_str());
     if (dir == nullptr) return;

@@ -121,6 +121,7 @@ HDirectory Watcher::open(const std::string& root) {
     auto* h = new DirectoryHandleState;
     h->root = root;
     while (h->root.size() > 1 && h->root.back() == '/') h->root.pop_back();
+    h->owner = static_cast<uint32_t>(st.st_uid);
     h->queue = q;
     q->handles.push_back(h);
     return h;
@@ -173,6 +174,7 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
             drainQueue(*h->queue, ignored, out);
             settle(ignored, out);
             h->subtree = subtree;
+            refreshWatchShare();
             // Only the folder itself refused fails the read; a directory below it that cannot
             // be watched is reported by the read, and the rest of the tree is watched.
             const uint32_t error = watchTree(h, "", false);

@@ -23,6 +23,13 @@
 // reader walks at most kRescanSliceDirectories directories per turn and drains every queue
 // between turns, so a big tree's rescan delays other handles by one slice at most.
 //
+// Kernel watches are shared out by owner: the kernel counts every watch against the service's own
+// user (max_user_watches), so one user with a huge tree could otherwise leave none for anybody
+// else. An owner other than root and the service's user holds at most a quarter of that limit,
+// counted as distinct kernel watches on any queue (the shared one too); a directory past it is
+// left out like one the kernel refuses, with its own code (1816). Letting go of a watch gives it
+// back to its owner's share.
+//
 // Delivery adapts to the load. The reader completes reads once per drain of the kernel queues,
 // not per event, and between drains it may pause so that a burst's events gather
 // (DeliveryPause.h).
@@ -84,12 +91,21 @@ struct InotifyQueue {
     uint32_t owner = 0;   // the owner's uid, when not shared
     std::vector<HDirectory> handles;
     std::unordered_map<int, std::vector<HDirectory>> subscribers;  // wd -> handles
+    // wd -> the owner whose share the watch is counted in: that of the handle that set it up.
+    std::unordered_map<int, uint32_t> chargedTo;
 };
+
+// An owner's watches past which no more are set up; a quarter of the kernel's limit leaves room
+// for root, the service's user and three more users at their fullest.
+constexpr size_t kWatchShareDivisor = 4;
+// The kernel's limit taken when it cannot be read: its smallest default.
+constexpr size_t kFallbackKernelWatches = 8192;
 
 }  // namespace detail
 
 struct DirectoryHandleState {
     std::string root;                       // the folder, with no trailing '/'
+    uint32_t owner = 0;                     // the folder's owner, as opened
     detail::InotifyQueue* queue = nullptr;  // chosen at open by the folder's owner
     bool subtree = false;
     bool watching = false;  // kernel watches are set up (at the first read)
@@ -140,8 +156,11 @@ public:
     size_t queueCount();
     void hold(bool held);
     void setOwnerQueueLimit(size_t limit);
+    void setWatchShare(size_t watches);
+    bool shareReached(uint32_t owner);
 
 private:
+    Watcher();
     bool ensureStarted();  // REQUIRES: lifecycle and mutex
     // The queue for a folder of `owner`, made when missing; null with the last error set when no
     // queue can be had. REQUIRES: lifecycle and mutex
@@ -160,6 +179,10 @@ private:
     // of the first failure; a directory below the root that cannot be watched is left out and the
     // rest of its tree is still watched.
     uint32_t watchTree(HDirectory h, const std::string& relative, bool report);
+    // Files wd as h's directory `relative`. A watch new to h's queue is counted in h's owner's
+    // share; when that share is full, the watch is removed again and false returned.
+    bool subscribe(HDirectory h, int wd, const std::string& relative);
+    bool limited(uint32_t owner) const { return owner != 0 && owner != serviceUser; }
     void unwatch(HDirectory h, int wd);
     void unwatchBelow(HDirectory h, const std::string& relative);
     void renameBelow(HDirectory h, const std::string& from, const std::string& to);
@@ -177,6 +200,7 @@ private:
     void rescanDirectory(HDirectory h, const std::string& relative);
     void completeRescan(HDirectory h);
     void wake();
+    void refreshWatchShare();  // REQUIRES: mutex
 
     std::mutex lifecycle;
     std::mutex mutex;
@@ -189,6 +213,13 @@ private:
     uint64_t nextTag = 1;        // guarded by mutex; 0 tags the wake-up descriptor
     size_t ownerQueueLimit = kOwnerQueueLimit;  // guarded by mutex; lowered by tests
     std::vector<std::unique_ptr<InotifyQueue>> queues;  // guarded by mutex
+    const uint32_t serviceUser;                          // the effective uid, set at construction
+    // Guarded by mutex: kernel watches per owner over every queue, the share of a limited owner
+    // (taken from the kernel's limit whenever a tree starts being watched), and a share set by
+    // tests instead (0: none).
+    std::unordered_map<uint32_t, size_t> ownerWatches;
+    size_t watchShare = kFallbackKernelWatches / kWatchShareDivisor;
+    size_t watchShareForTesting = 0;
     std::deque<HDirectory> rescans;  // guarded by mutex; the handles with a rescan under way
     // Reader thread only, under mutex: the handles of the event being filed, and of the drain.
     std::vector<HDirectory> eventHandles;

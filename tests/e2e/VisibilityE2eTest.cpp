@@ -11,6 +11,7 @@
 #include <sstream>
 #include <thread>
 
+#include "platform/DirectoryChanges.h"
 #include "platform/Utf.h"
 #include "service/VigilClientTable.h"
 #include "service/VigilWatchFolderDatabase.h"
@@ -287,6 +288,100 @@ TEST_F(VisibilityE2eTest, OneUserMayHoldOnlySoManyConnections) {
     if (outcome.cannotSwitch) GTEST_SKIP() << "cannot give up root here";
     EXPECT_EQ(rootOutcome, "ok");
     EXPECT_EQ(outcome.output, "held 256\none more refused\nadmitted again\n");
+}
+
+// A plain user's own folders may take only so many kernel watches and so much memory of pending
+// names. Once its folders hold either share, its client may add none of them more, while it may
+// still add others' folders, and root's and another user's folders keep getting watches and names.
+TEST_F(VisibilityE2eTest, AUserAtItsShareMayAddNoMoreOfItsFoldersAndOthersAreServed) {
+    constexpr uint32_t kOtherUser = 61003;
+    constexpr size_t kBound = 64 * 1024;
+    struct Case {
+        const char* name;
+        size_t watchShare;  // 0: the kernel's
+        size_t pendingBound;
+        int storm;  // files made in the user's folder
+    };
+    const Case cases[] = {
+        {"watches", 4, Vigil::Watch::PendingShare::kBytesPerOwner, 0},
+        {"pending names", 0, kBound, 3000},
+    };
+    int seed = 10;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Osb::SetWatchShareForTesting(c.watchShare);
+        Vigil::Watch::ProcessDatabase().setPendingBoundForTesting(c.pendingBound);
+        const uint8_t user = static_cast<uint8_t>(seed++), rootSeed = static_cast<uint8_t>(seed++);
+        auto owned = [&](const std::string& name, uid_t uid, int subdirectories) {
+            const std::string path = folder(std::string(c.name) + "-" + name, 0755);
+            EXPECT_EQ(::chown(path.c_str(), uid, uid), 0);
+            for (int i = 0; i < subdirectories; ++i) {
+                const std::string sub = path + "d" + std::to_string(i);
+                fs::create_directories(sub);
+                EXPECT_EQ(::chown(sub.c_str(), uid, uid), 0);
+            }
+            return path;
+        };
+        const std::string mine = owned("mine", kPlainUser.uid, 6);
+        const std::string more = owned("more", kPlainUser.uid, 0);
+        const std::string others = owned("others", kOtherUser, 2);
+        const std::string roots = owned("roots", 0, 2);
+        const std::string open = folder(std::string(c.name) + "-open", 0755);
+
+        testing::internal::CaptureStderr();
+        const std::string added = asPlainUser(user, [&](AgentConnection& a) {
+            return Outcome([&] { a.addFolders(kSubtree, {mine}); });
+        });
+        if (added == "cannot give up root") {
+            testing::internal::GetCapturedStderr();
+            GTEST_SKIP() << "cannot give up root here";
+        }
+        EXPECT_EQ(added, "ok");
+        ASSERT_TRUE(
+            PollUntil([] { return Vigil::Watch::ProcessDatabase().startsSettledForTesting(); }));
+        for (int i = 0; i < c.storm; ++i) Touch(mine + "storm-file-number-" + std::to_string(i));
+        EXPECT_TRUE(PollUntil(
+            [&] { return Vigil::Watch::ProcessDatabase().ownerShareReached(kPlainUser.uid); }));
+
+        const std::string refused = asPlainUser(user, [&](AgentConnection& a) {
+            std::string lines = Outcome([&] { a.addFolders(kSubtree, {open, more}); }) + "\n";
+            return lines + Outcome([&] { a.addFolders(kSubtree, {open}); }) + "\n";
+        });
+        EXPECT_EQ(refused,
+                  "refused: Not enough quota is available to process this command.\nok\n");
+        EXPECT_EQ(Joined(folderPaths(user)), Joined({mine, open}));
+
+        auto root = connect(rootSeed);
+        root->addFolders(kSubtree, {roots, others});
+        ASSERT_TRUE(
+            PollUntil([] { return Vigil::Watch::ProcessDatabase().startsSettledForTesting(); }));
+        constexpr size_t kRootFiles = 500;
+        for (size_t i = 0; i < kRootFiles; ++i) Touch(roots + "d1/root-file-" + std::to_string(i));
+        Touch(others + "d0/theirs");
+        EXPECT_TRUE(PollUntil([&] { return pending(*root, roots).size() == kRootFiles; }));
+        EXPECT_TRUE(PollUntil([&] { return pending(*root, others) == Names{"d0/theirs"}; }));
+
+        EXPECT_LE(Vigil::Watch::ProcessDatabase().pendingBytesForTesting(kPlainUser.uid),
+                  c.pendingBound);
+        const std::string collected = asPlainUser(user, [&](AgentConnection& a) {
+            a.getChanges(true);
+            return std::string("collected");
+        });
+        EXPECT_EQ(collected, "collected");
+        const std::string log = testing::internal::GetCapturedStderr();
+        const bool bounded = c.storm > 0;
+        EXPECT_EQ(log.find("reached their bound") != std::string::npos, bounded) << log;
+        EXPECT_EQ(log.find("under their bound again") != std::string::npos, bounded) << log;
+        EXPECT_EQ(log.find("reached their bound"), log.rfind("reached their bound")) << log;
+        root->removeFolders(true, {roots, others});
+        asPlainUser(user, [&](AgentConnection& a) {
+            a.removeFolders(true, {mine, open});
+            return std::string();
+        });
+    }
+    Osb::SetWatchShareForTesting(0);
+    Vigil::Watch::ProcessDatabase().setPendingBoundForTesting(
+        Vigil::Watch::PendingShare::kBytesPerOwner);
 }
 
 }  // namespace

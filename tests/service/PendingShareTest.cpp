@@ -1,0 +1,118 @@
+// The bound on the pending names of one owner's folders, kept by Watch::Database.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/Utf.h"
+#include "service/VigilPendingShare.h"
+#include "service/VigilWatchFolderDatabase.h"
+#include "tests/support/ScratchRoot.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Vigil::Watch::Database;
+using Vigil::Watch::Guid;
+using Vigil::Watch::PendingShare;
+using Names = std::vector<std::u16string>;
+
+const Guid kOne{{1}};
+const Guid kTwo{{2}};
+constexpr uint32_t kUser = 65534;
+constexpr size_t kFits = 5;
+
+Names Numbered(const std::u16string& prefix, int count) {
+    Names names;
+    for (int i = 0; i < count; ++i)
+        names.push_back(prefix + Osb::Utf8ToUtf16(std::to_string(10 + i)));
+    return names;
+}
+
+size_t Count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+// Each way of collecting gives the memory back; the owner is then under its bound again, and root's
+// folders never lost a name meanwhile.
+TEST(PendingShareTest, NamesPastAnOwnersBoundAreDroppedAndCollectingGivesTheRoomBack) {
+    struct Case {
+        const char* name;
+        std::function<void(Database&, const std::u16string& folder, const Names& kept)> collect;
+    };
+    const Case cases[] = {
+        {"getChanges with clear",
+         [](Database& d, const std::u16string& f, const Names&) {
+             Names names;
+             d.getChanges(kOne, f, names, true);
+             d.getChanges(kTwo, f, names, true);
+         }},
+        {"removeChanges",
+         [](Database& d, const std::u16string& f, const Names& kept) {
+             d.removeChanges(kOne, f, kept);
+             d.removeChanges(kTwo, f, kept);
+         }},
+        {"removeFolders",
+         [](Database& d, const std::u16string& f, const Names&) {
+             d.removeFolders(kOne, {{f, {}}});
+             d.removeFolders(kTwo, {{f, {}}});
+         }},
+        {"a gone folder's names collected",
+         [](Database& d, const std::u16string& f, const Names&) {
+             Names names;
+             for (const Guid& guid : {kOne, kTwo}) {
+                 d.folderGone(guid, f);
+                 d.getChanges(guid, f, names, true);
+             }
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        vigil_test::ScratchRoot root;
+        fs::create_directories(root / "data");
+        fs::create_directories(root / "users");
+        fs::create_directories(root / "roots");
+        const std::u16string users = Osb::Utf8ToUtf16(root / "users") + u"/";
+        const std::u16string roots = Osb::Utf8ToUtf16(root / "roots") + u"/";
+        Database database;
+        database.open(Osb::Utf8ToUtf16(root / "data/"));
+        database.setPendingBoundForTesting(kFits * PendingShare::cost(u"n10"));
+        for (const Guid& guid : {kOne, kTwo})
+            database.addFolders(guid, {{users, {0, 1, 0, 0}}, {roots, {0, 1, 0, 0}}});
+
+        testing::internal::CaptureStderr();
+        // Two clients watch the one folder: both lists count against its owner.
+        database.addWatchChanges(kOne, users, Numbered(u"n", 3), kUser);
+        database.addWatchChanges(kTwo, users, Numbered(u"n", 3), kUser);
+        database.addWatchChanges(kOne, users, Numbered(u"m", 3), kUser);
+        database.addWatchChanges(kOne, roots, Numbered(u"r", 40), 0);
+        EXPECT_EQ(database.droppedNamesForTesting(), 4u);
+        EXPECT_EQ(database.pendingBytesForTesting(kUser), kFits * PendingShare::cost(u"n10"));
+        EXPECT_TRUE(database.ownerShareReached(kUser));
+        EXPECT_FALSE(database.ownerShareReached(0));
+
+        Names one, two;
+        database.getChanges(kOne, users, one, false);
+        database.getChanges(kTwo, users, two, false);
+        EXPECT_EQ(one, Numbered(u"n", 3));
+        EXPECT_EQ(two, (Names{u"n10", u"n11"}));
+
+        c.collect(database, users, one);
+        EXPECT_EQ(database.pendingBytesForTesting(kUser), 0u);
+        EXPECT_FALSE(database.ownerShareReached(kUser));
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(Count(log, "reached their bound"), 1u) << log;
+        EXPECT_EQ(Count(log, "under their bound again"), 1u) << log;
+
+        Names rootNames;
+        database.getChanges(kOne, roots, rootNames, false);
+        EXPECT_EQ(rootNames, Numbered(u"r", 40));
+        database.close();
+    }
+}
+
+}  // namespace
