@@ -290,8 +290,11 @@ void Watcher::readerLoop() {
         if (n < 0 && errno != EINTR) return;
         ready.clear();
         for (int i = 0; i < n; ++i) {
-            if (events[i].data.u64 != 0) {
-                ready.push_back(events[i].data.u64);
+            // epoll_event is packed: its 64-bit field may be misaligned, so it is read by value,
+            // never bound to a reference (push_back takes one).
+            const uint64_t tag = events[i].data.u64;
+            if (tag != 0) {
+                ready.push_back(tag);
             } else {
                 uint64_t count;
                 ssize_t ignored = ::read(wakeFd, &count, sizeof(count));

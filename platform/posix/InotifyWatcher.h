@@ -190,7 +190,9 @@ private:
     size_t ownerQueueLimit = kOwnerQueueLimit;  // guarded by mutex; lowered by tests
     std::vector<std::unique_ptr<InotifyQueue>> queues;  // guarded by mutex
     std::deque<HDirectory> rescans;  // guarded by mutex; the handles with a rescan under way
-    // Reader thread only, under mutex: the handles of the event being filed, and of the drain.
+    // Guarded by mutex: the handles of the event being filed, and of the drain. The thread that
+    // drains uses them: the reader, or the caller of read, which drains a queue before a handle's
+    // first watch so that older events are not handed to it.
     std::vector<HDirectory> eventHandles;
     std::vector<HDirectory> touchedHandles;
 };

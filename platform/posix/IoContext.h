@@ -27,6 +27,7 @@
 
 #include "platform/IoDevice.h"
 #include "platform/IoRequest.h"
+#include "platform/Mutex.h"
 
 namespace Osb::posix {
 
@@ -97,9 +98,11 @@ class Backend : public std::enable_shared_from_this<Backend> {
     asio::io_context accept_{1};
     std::vector<WorkGuard> work_;       // owned by the threads calling start and shutdown
     std::vector<std::thread> threads_;  // owned and joined by the thread calling shutdown
-    std::mutex registryMutex_;
-    std::set<DeviceState*> devices_;  // guarded by registryMutex_
-    std::set<ServerState*> servers_;  // guarded by registryMutex_
+    // Lock order: taken before a server's or a connection's own lock (shutdown closes them under
+    // it, and a free descriptor wakes the servers under it); neither is held when it is taken.
+    Osb::Mutex registryMutex_;
+    std::set<DeviceState*> devices_ OSB_GUARDED_BY(registryMutex_);
+    std::set<ServerState*> servers_ OSB_GUARDED_BY(registryMutex_);
 };
 
 // Closes a pipe server's listening socket (IoDevicePipeServer.cpp).
