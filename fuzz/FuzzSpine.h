@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "tests/service/ClientHarness.h"
@@ -13,6 +14,11 @@ namespace vigil_fuzz {
 // The client id the corpus writes in every header after Hello; the spine swaps in the id the
 // driven client really got, so that requests pass the id check and reach the handlers.
 inline constexpr uint32_t kCorpusClientId = 1;
+
+// A small folder tree for the corpus's requests to watch, the same path in every process (so the
+// seeds can name it) and made on first use: "<temporary folder>/vigil-fuzz-spine-tree/" with two
+// levels of subfolders. Watching the whole temporary folder instead would walk whatever it holds.
+std::string WatchableFolder();
 
 // Sets up once per process: a scratch data folder, the client table, dispatch, and the watch
 // database opened on it (its thread included), as the service starts them.

@@ -14,6 +14,14 @@ namespace vigil_fuzz {
 
 using namespace Vigil::Protocol;
 
+std::string WatchableFolder() {
+    const std::filesystem::path tree =
+        std::filesystem::temp_directory_path() / "vigil-fuzz-spine-tree";
+    std::filesystem::create_directories(tree / "a" / "b");
+    std::filesystem::create_directories(tree / "c");
+    return tree.string() + "/";
+}
+
 void StartScratchService() {
     static bool started = false;
     if (started) return;
@@ -26,6 +34,7 @@ void StartScratchService() {
     std::filesystem::create_directories(root / "data");
     std::filesystem::create_directories(root / "w");
     setenv("VIGIL_SYSTEM_ROOT", root.c_str(), 1);
+    WatchableFolder();
     Vigil::ResetClientTableForTesting();
     Vigil::InitDispatch();
     Vigil::Watch::ResetProcessDatabaseForTesting();

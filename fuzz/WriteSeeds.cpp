@@ -50,7 +50,7 @@ void WriteSpineAndReplies(const fs::path& corpus) {
     using namespace vigil_client;
     const uint32_t id = vigil_fuzz::kCorpusClientId;
     const Guid guid{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    const std::string tmp = fs::temp_directory_path().string() + "/";
+    const std::string tmp = vigil_fuzz::WatchableFolder();
     const Bytes hello = Frame(kHello, 1, 0, EncodeHello(1, 0, guid));
     const std::vector<std::pair<std::string, Bytes>> streams = {
         {"hello", hello},
