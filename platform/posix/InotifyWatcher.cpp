@@ -112,8 +112,8 @@ HDirectory Watcher::open(const std::string& root) {
         SetLastError(Err::kDirectory);
         return nullptr;
     }
-    std::lock_guard<std::mutex> starting(lifecycle);
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock starting(lifecycle);
+    MutexLock lock(mutex);
     if (!ensureStarted()) return nullptr;
     InotifyQueue* q = queueFor(static_cast<uint32_t>(st.st_uid));
     if (q == nullptr) return nullptr;
@@ -127,25 +127,25 @@ HDirectory Watcher::open(const std::string& root) {
 }
 
 size_t Watcher::watchedDirectories() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     size_t count = 0;
     for (const auto& q : queues) count += q->subscribers.size();
     return count;
 }
 
 size_t Watcher::queueCount() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return queues.size();
 }
 
 void Watcher::hold(bool hold) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     held = hold;
     if (!hold && wakeFd >= 0) wake();
 }
 
 void Watcher::setOwnerQueueLimit(size_t limit) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     ownerQueueLimit = limit;
 }
 
@@ -160,7 +160,7 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
     std::vector<Completion> out;
     uint32_t failure = 0;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         if (h->reading) {
             SetLastError(Err::kInvalidParameter);
             return false;
@@ -303,7 +303,7 @@ void Watcher::readerLoop() {
         }
         std::vector<Completion> out;
         {
-            std::unique_lock<std::mutex> lock(mutex);
+            UniqueMutexLock lock(mutex);
             if (stopRequested) return;
             if (held) {
                 // Left alone, the kernel queues fill as they would behind a stopped process.
@@ -326,11 +326,11 @@ void Watcher::readerLoop() {
 }
 
 void Watcher::close(HDirectory h) {
-    std::lock_guard<std::mutex> stopping(lifecycle);
+    MutexLock stopping(lifecycle);
     std::vector<Completion> out;
     bool last;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         stopRescan(h);
         unwatchBelow(h, "");
         h->pending.clear();
@@ -350,7 +350,7 @@ void Watcher::close(HDirectory h) {
     QueueAll(out);
     if (!last) return;
     reader.join();
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     ::close(epollFd);
     ::close(wakeFd);
     epollFd = wakeFd = -1;

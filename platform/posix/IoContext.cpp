@@ -15,7 +15,7 @@ DeviceState::DeviceState(std::shared_ptr<Backend> owner, Socket s)
 void DeviceState::close() {
     std::deque<SmartPointer<IoRequest>> unstarted;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        Osb::MutexLock lock(mutex);
         if (closed) return;
         closed = true;
         boost::system::error_code ignored;

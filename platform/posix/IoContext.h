@@ -48,11 +48,13 @@ struct DeviceState {
 
     std::shared_ptr<Backend> backend;
     const asio::any_io_executor executor;  // the socket's delivery thread
-    std::mutex mutex;
-    Socket socket;                               // guarded by mutex
-    bool closed = false;                         // guarded by mutex
-    std::deque<SmartPointer<IoRequest>> writes;  // guarded by mutex; in call order
-    bool writing = false;                        // guarded by mutex; the front is being written
+    // Lock order: taken after the backend's registry lock (shutdown closes connections under it);
+    // nothing else is taken while it is held.
+    Osb::Mutex mutex;
+    Socket socket OSB_GUARDED_BY(mutex);
+    bool closed OSB_GUARDED_BY(mutex) = false;
+    std::deque<SmartPointer<IoRequest>> writes OSB_GUARDED_BY(mutex);  // in call order
+    bool writing OSB_GUARDED_BY(mutex) = false;  // the front is being written
 
     // Shuts the socket down and closes it, and cancels the queued writes that have not started
     // (the one being written ends as cancelled through the socket's close). Tells the backend that
