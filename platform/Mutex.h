@@ -38,4 +38,24 @@ private:
     Mutex& mutex_;
 };
 
+// Holds a Mutex from construction until unlock() or the end of the scope, whichever comes first:
+// for a path that must let go before the scope ends (to post work that may take the lock).
+class OSB_SCOPED_CAPABILITY UniqueMutexLock {
+public:
+    explicit UniqueMutexLock(Mutex& mutex) OSB_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~UniqueMutexLock() OSB_RELEASE() {
+        if (held_) mutex_.unlock();
+    }
+    void unlock() OSB_RELEASE() {
+        mutex_.unlock();
+        held_ = false;
+    }
+    UniqueMutexLock(const UniqueMutexLock&) = delete;
+    UniqueMutexLock& operator=(const UniqueMutexLock&) = delete;
+
+private:
+    Mutex& mutex_;
+    bool held_ = true;
+};
+
 }  // namespace Osb

@@ -51,13 +51,13 @@ bool Watcher::subscribe(HDirectory h, int wd, const std::string& relative) {
 }
 
 void Watcher::setWatchShare(size_t watches) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     watchShareForTesting = watches;
     refreshWatchShare();
 }
 
 bool Watcher::shareReached(uint32_t owner) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     if (!limited(owner)) return false;
     if (watchShareForTesting == 0) refreshWatchShare();
     auto it = ownerWatches.find(owner);

@@ -112,8 +112,8 @@ HDirectory Watcher::open(const std::string& root) {
         SetLastError(Err::kDirectory);
         return nullptr;
     }
-    std::lock_guard<std::mutex> starting(lifecycle);
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock starting(lifecycle);
+    MutexLock lock(mutex);
     if (!ensureStarted()) return nullptr;
     InotifyQueue* q = queueFor(static_cast<uint32_t>(st.st_uid));
     if (q == nullptr) return nullptr;
@@ -128,25 +128,25 @@ HDirectory Watcher::open(const std::string& root) {
 }
 
 size_t Watcher::watchedDirectories() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     size_t count = 0;
     for (const auto& q : queues) count += q->subscribers.size();
     return count;
 }
 
 size_t Watcher::queueCount() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return queues.size();
 }
 
 void Watcher::hold(bool hold) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     held = hold;
     if (!hold && wakeFd >= 0) wake();
 }
 
 void Watcher::setOwnerQueueLimit(size_t limit) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     ownerQueueLimit = limit;
 }
 
@@ -161,7 +161,7 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
     std::vector<Completion> out;
     uint32_t failure = 0;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         if (h->reading) {
             SetLastError(Err::kInvalidParameter);
             return false;
@@ -292,8 +292,11 @@ void Watcher::readerLoop() {
         if (n < 0 && errno != EINTR) return;
         ready.clear();
         for (int i = 0; i < n; ++i) {
-            if (events[i].data.u64 != 0) {
-                ready.push_back(events[i].data.u64);
+            // epoll_event is packed: its 64-bit field may be misaligned, so it is read by value,
+            // never bound to a reference (push_back takes one).
+            const uint64_t tag = events[i].data.u64;
+            if (tag != 0) {
+                ready.push_back(tag);
             } else {
                 uint64_t count;
                 ssize_t ignored = ::read(wakeFd, &count, sizeof(count));
@@ -302,7 +305,7 @@ void Watcher::readerLoop() {
         }
         std::vector<Completion> out;
         {
-            std::unique_lock<std::mutex> lock(mutex);
+            UniqueMutexLock lock(mutex);
             if (stopRequested) return;
             if (held) {
                 // Left alone, the kernel queues fill as they would behind a stopped process.
@@ -325,11 +328,11 @@ void Watcher::readerLoop() {
 }
 
 void Watcher::close(HDirectory h) {
-    std::lock_guard<std::mutex> stopping(lifecycle);
+    MutexLock stopping(lifecycle);
     std::vector<Completion> out;
     bool last;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         stopRescan(h);
         unwatchBelow(h, "");
         h->pending.clear();
@@ -349,7 +352,7 @@ void Watcher::close(HDirectory h) {
     QueueAll(out);
     if (!last) return;
     reader.join();
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     ::close(epollFd);
     ::close(wakeFd);
     epollFd = wakeFd = -1;

@@ -35,9 +35,10 @@
 // (DeliveryPause.h).
 //
 // Locks: `lifecycle` serialises starting and stopping the reader thread and is taken first;
-// `mutex` guards all other state here, that of every handle and queue included. Neither is held
-// while a completion runs: completions are queued as APCs to the issuing thread. The reader
-// thread runs while any handle is open; the close of the last handle stops and joins it.
+// `mutex` guards all other state here, that of every handle and queue included (the analysis
+// checks the watcher's own fields only). Neither is held while a completion runs: completions
+// are queued as APCs to the issuing thread. The reader thread runs while any handle is open; the
+// close of the last handle stops and joins it.
 #pragma once
 
 #include <sys/inotify.h>
@@ -45,7 +46,6 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -54,6 +54,7 @@
 
 #include "platform/Apc.h"
 #include "platform/DirectoryChanges.h"
+#include "platform/Mutex.h"
 #include "platform/posix/DeliveryPause.h"
 
 namespace Osb {
@@ -161,69 +162,75 @@ public:
 
 private:
     Watcher();
-    bool ensureStarted();  // REQUIRES: lifecycle and mutex
+    bool ensureStarted() OSB_REQUIRES(lifecycle, mutex);
     // The queue for a folder of `owner`, made when missing; null with the last error set when no
-    // queue can be had. REQUIRES: lifecycle and mutex
-    InotifyQueue* queueFor(uint32_t owner);
-    void dropQueue(InotifyQueue* q);  // REQUIRES: mutex; q has no handles left
+    // queue can be had.
+    InotifyQueue* queueFor(uint32_t owner) OSB_REQUIRES(lifecycle, mutex);
+    void dropQueue(InotifyQueue* q) OSB_REQUIRES(mutex);  // q has no handles left
     void readerLoop();
-    // Files one event of queue q with its handles, marking them touched. REQUIRES: mutex
-    void onEvent(InotifyQueue& q, const inotify_event& event, std::vector<Completion>& out);
-    // Reads queue q until it is empty, filing its events. REQUIRES: mutex
-    void drainQueue(InotifyQueue& q, DrainResult& result, std::vector<Completion>& out);
+    // Files one event of queue q with its handles, marking them touched.
+    void onEvent(InotifyQueue& q, const inotify_event& event, std::vector<Completion>& out)
+        OSB_REQUIRES(mutex);
+    // Reads queue q until it is empty, filing its events.
+    void drainQueue(InotifyQueue& q, DrainResult& result, std::vector<Completion>& out)
+        OSB_REQUIRES(mutex);
     // Finishes the handles touched since the last settle: lets go of directories moved out and
-    // completes the reads that can be. REQUIRES: mutex
-    void settle(DrainResult& result, std::vector<Completion>& out);
+    // completes the reads that can be.
+    void settle(DrainResult& result, std::vector<Completion>& out) OSB_REQUIRES(mutex);
     // Watches `relative` (a directory below h's root, "" for the root) and, for a subtree, every
     // directory below it; with `report`, its entries are filed as created. Returns 0 or the code
     // of the first failure; a directory below the root that cannot be watched is left out and the
     // rest of its tree is still watched.
-    uint32_t watchTree(HDirectory h, const std::string& relative, bool report);
+    uint32_t watchTree(HDirectory h, const std::string& relative, bool report) OSB_REQUIRES(mutex);
     // Files wd as h's directory `relative`. A watch new to h's queue is counted in h's owner's
     // share; when that share is full, the watch is removed again and false returned.
-    bool subscribe(HDirectory h, int wd, const std::string& relative);
+    bool subscribe(HDirectory h, int wd, const std::string& relative) OSB_REQUIRES(mutex);
     bool limited(uint32_t owner) const { return owner != 0 && owner != serviceUser; }
-    void unwatch(HDirectory h, int wd);
-    void unwatchBelow(HDirectory h, const std::string& relative);
-    void renameBelow(HDirectory h, const std::string& from, const std::string& to);
+    void unwatch(HDirectory h, int wd) OSB_REQUIRES(mutex);
+    void unwatchBelow(HDirectory h, const std::string& relative) OSB_REQUIRES(mutex);
+    void renameBelow(HDirectory h, const std::string& from, const std::string& to)
+        OSB_REQUIRES(mutex);
     // Lets go at once of the directories renamed away that overlap `relative`, which a new
     // directory is about to take: the drain's end must not take its watches with theirs.
-    void forgetMovedOver(HDirectory h, const std::string& relative);
-    void finish(HDirectory h, std::vector<Completion>& out);  // completes a read that can be
-    void markTouched(HDirectory h);  // REQUIRES: mutex
-    // Rescans (InotifyRescan.cpp). REQUIRES: mutex
-    void startRescan(HDirectory h);
-    void stopRescan(HDirectory h);
+    void forgetMovedOver(HDirectory h, const std::string& relative) OSB_REQUIRES(mutex);
+    // Completes a read that can be.
+    void finish(HDirectory h, std::vector<Completion>& out) OSB_REQUIRES(mutex);
+    void markTouched(HDirectory h) OSB_REQUIRES(mutex);
+    // Rescans (InotifyRescan.cpp).
+    void startRescan(HDirectory h) OSB_REQUIRES(mutex);
+    void stopRescan(HDirectory h) OSB_REQUIRES(mutex);
     // Walks up to kRescanSliceDirectories directories of the rescans under way; true while some
     // are left.
-    bool rescanSlice();
-    void rescanDirectory(HDirectory h, const std::string& relative);
-    void completeRescan(HDirectory h);
+    bool rescanSlice() OSB_REQUIRES(mutex);
+    void rescanDirectory(HDirectory h, const std::string& relative) OSB_REQUIRES(mutex);
+    void completeRescan(HDirectory h) OSB_REQUIRES(mutex);
     void wake();
-    void refreshWatchShare();  // REQUIRES: mutex
+    void refreshWatchShare() OSB_REQUIRES(mutex);
 
-    std::mutex lifecycle;
-    std::mutex mutex;
+    Mutex lifecycle OSB_ACQUIRED_BEFORE(mutex);
+    Mutex mutex OSB_ACQUIRED_AFTER(lifecycle);
     int epollFd = -1;    // written under both locks
     int wakeFd = -1;     // written under both locks
-    std::thread reader;  // started and joined under lifecycle
-    bool stopRequested = false;  // guarded by mutex
-    bool held = false;           // guarded by mutex; the reader leaves the queues alone
-    size_t openHandles = 0;      // guarded by mutex
-    uint64_t nextTag = 1;        // guarded by mutex; 0 tags the wake-up descriptor
-    size_t ownerQueueLimit = kOwnerQueueLimit;  // guarded by mutex; lowered by tests
-    std::vector<std::unique_ptr<InotifyQueue>> queues;  // guarded by mutex
-    const uint32_t serviceUser;                          // the effective uid, set at construction
-    // Guarded by mutex: kernel watches per owner over every queue, the share of a limited owner
-    // (taken from the kernel's limit whenever a tree starts being watched), and a share set by
-    // tests instead (0: none).
-    std::unordered_map<uint32_t, size_t> ownerWatches;
-    size_t watchShare = kFallbackKernelWatches / kWatchShareDivisor;
-    size_t watchShareForTesting = 0;
-    std::deque<HDirectory> rescans;  // guarded by mutex; the handles with a rescan under way
-    // Reader thread only, under mutex: the handles of the event being filed, and of the drain.
-    std::vector<HDirectory> eventHandles;
-    std::vector<HDirectory> touchedHandles;
+    std::thread reader OSB_GUARDED_BY(lifecycle);  // started and joined under lifecycle
+    bool stopRequested OSB_GUARDED_BY(mutex) = false;
+    bool held OSB_GUARDED_BY(mutex) = false;  // the reader leaves the queues alone
+    size_t openHandles OSB_GUARDED_BY(mutex) = 0;
+    uint64_t nextTag OSB_GUARDED_BY(mutex) = 1;  // 0 tags the wake-up descriptor
+    size_t ownerQueueLimit OSB_GUARDED_BY(mutex) = kOwnerQueueLimit;  // lowered by tests
+    std::vector<std::unique_ptr<InotifyQueue>> queues OSB_GUARDED_BY(mutex);
+    const uint32_t serviceUser;  // the effective uid, set at construction
+    // Kernel watches per owner over every queue, the share of a limited owner (taken from the
+    // kernel's limit whenever a tree starts being watched), and a share set by tests instead (0:
+    // none).
+    std::unordered_map<uint32_t, size_t> ownerWatches OSB_GUARDED_BY(mutex);
+    size_t watchShare OSB_GUARDED_BY(mutex) = kFallbackKernelWatches / kWatchShareDivisor;
+    size_t watchShareForTesting OSB_GUARDED_BY(mutex) = 0;
+    std::deque<HDirectory> rescans OSB_GUARDED_BY(mutex);  // the handles with a rescan under way
+    // Guarded by mutex: the handles of the event being filed, and of the drain. The thread that
+    // drains uses them: the reader, or the caller of read, which drains a queue before a handle's
+    // first watch so that older events are not handed to it.
+    std::vector<HDirectory> eventHandles OSB_GUARDED_BY(mutex);
+    std::vector<HDirectory> touchedHandles OSB_GUARDED_BY(mutex);
 };
 
 }  // namespace detail

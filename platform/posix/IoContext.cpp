@@ -15,7 +15,7 @@ DeviceState::DeviceState(std::shared_ptr<Backend> owner, Socket s)
 void DeviceState::close() {
     std::deque<SmartPointer<IoRequest>> unstarted;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        Osb::MutexLock lock(mutex);
         if (closed) return;
         closed = true;
         boost::system::error_code ignored;
@@ -71,7 +71,7 @@ void Backend::shutdown() {
     {
         // A registered object cannot be destroyed meanwhile: its destructor first unregisters,
         // which waits for this lock.
-        std::lock_guard<std::mutex> lock(registryMutex_);
+        Osb::MutexLock lock(registryMutex_);
         for (ServerState* server : servers_) CloseServer(server);
         for (DeviceState* device : devices_) device->close();
     }
@@ -86,25 +86,25 @@ void Backend::descriptorFreed() {
     asio::post(accept_, [weak = weak_from_this()] {
         std::shared_ptr<Backend> self = weak.lock();
         if (!self) return;
-        std::lock_guard<std::mutex> lock(self->registryMutex_);
+        Osb::MutexLock lock(self->registryMutex_);
         for (ServerState* server : self->servers_) WakeServer(server);
     });
 }
 
 void Backend::add(DeviceState* device) {
-    std::lock_guard<std::mutex> lock(registryMutex_);
+    Osb::MutexLock lock(registryMutex_);
     devices_.insert(device);
 }
 void Backend::remove(DeviceState* device) {
-    std::lock_guard<std::mutex> lock(registryMutex_);
+    Osb::MutexLock lock(registryMutex_);
     devices_.erase(device);
 }
 void Backend::add(ServerState* server) {
-    std::lock_guard<std::mutex> lock(registryMutex_);
+    Osb::MutexLock lock(registryMutex_);
     servers_.insert(server);
 }
 void Backend::remove(ServerState* server) {
-    std::lock_guard<std::mutex> lock(registryMutex_);
+    Osb::MutexLock lock(registryMutex_);
     servers_.erase(server);
 }
 

@@ -27,6 +27,7 @@
 
 #include "platform/IoDevice.h"
 #include "platform/IoRequest.h"
+#include "platform/Mutex.h"
 
 namespace Osb::posix {
 
@@ -47,11 +48,13 @@ struct DeviceState {
 
     std::shared_ptr<Backend> backend;
     const asio::any_io_executor executor;  // the socket's delivery thread
-    std::mutex mutex;
-    Socket socket;                               // guarded by mutex
-    bool closed = false;                         // guarded by mutex
-    std::deque<SmartPointer<IoRequest>> writes;  // guarded by mutex; in call order
-    bool writing = false;                        // guarded by mutex; the front is being written
+    // Lock order: taken after the backend's registry lock (shutdown closes connections under it);
+    // nothing else is taken while it is held.
+    Osb::Mutex mutex;
+    Socket socket OSB_GUARDED_BY(mutex);
+    bool closed OSB_GUARDED_BY(mutex) = false;
+    std::deque<SmartPointer<IoRequest>> writes OSB_GUARDED_BY(mutex);  // in call order
+    bool writing OSB_GUARDED_BY(mutex) = false;  // the front is being written
 
     // Shuts the socket down and closes it, and cancels the queued writes that have not started
     // (the one being written ends as cancelled through the socket's close). Tells the backend that
@@ -97,9 +100,11 @@ class Backend : public std::enable_shared_from_this<Backend> {
     asio::io_context accept_{1};
     std::vector<WorkGuard> work_;       // owned by the threads calling start and shutdown
     std::vector<std::thread> threads_;  // owned and joined by the thread calling shutdown
-    std::mutex registryMutex_;
-    std::set<DeviceState*> devices_;  // guarded by registryMutex_
-    std::set<ServerState*> servers_;  // guarded by registryMutex_
+    // Lock order: taken before a server's or a connection's own lock (shutdown closes them under
+    // it, and a free descriptor wakes the servers under it); neither is held when it is taken.
+    Osb::Mutex registryMutex_;
+    std::set<DeviceState*> devices_ OSB_GUARDED_BY(registryMutex_);
+    std::set<ServerState*> servers_ OSB_GUARDED_BY(registryMutex_);
 };
 
 // Closes a pipe server's listening socket (IoDevicePipeServer.cpp).

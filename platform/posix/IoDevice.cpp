@@ -41,7 +41,7 @@ void OnWritten(const std::shared_ptr<DeviceState>& state, const boost::system::e
                size_t bytes) {
     SmartPointer<IoRequest> request;
     {
-        std::lock_guard<std::mutex> lock(state->mutex);
+        Osb::MutexLock lock(state->mutex);
         request = std::move(state->writes.front());
         state->writes.pop_front();
         state->writing = false;
@@ -63,7 +63,7 @@ void OnWritten(const std::shared_ptr<DeviceState>& state, const boost::system::e
 // Starts the write at the front of the queue, if there is one. Writes go one at a time, each
 // whole, so replies never interleave.
 void StartNextWrite(const std::shared_ptr<DeviceState>& state) {
-    std::unique_lock<std::mutex> lock(state->mutex);
+    Osb::UniqueMutexLock lock(state->mutex);
     if (state->writing || state->writes.empty()) return;
     state->writing = true;
     IoRequest* front = state->writes.front().get();
@@ -92,7 +92,7 @@ IoDevice::~IoDevice() {
 
 void IoDevice::read(const SmartPointer<IoRequest>& request) {
     const std::shared_ptr<DeviceState>& state = impl_->state;
-    std::unique_lock<std::mutex> lock(state->mutex);
+    Osb::UniqueMutexLock lock(state->mutex);
     if (state->closed) {
         lock.unlock();
         DeliverCancelled(state, request);
@@ -119,7 +119,7 @@ void IoDevice::read(const SmartPointer<IoRequest>& request) {
 void IoDevice::write(const SmartPointer<IoRequest>& request) {
     const std::shared_ptr<DeviceState>& state = impl_->state;
     {
-        std::lock_guard<std::mutex> lock(state->mutex);
+        Osb::MutexLock lock(state->mutex);
         state->writes.push_back(request);
     }
     StartNextWrite(state);

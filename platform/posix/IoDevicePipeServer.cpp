@@ -14,6 +14,7 @@
 
 #include "platform/ErrorCode.h"
 #include "platform/IoDevice.h"
+#include "platform/Mutex.h"
 #include "platform/SystemRoot.h"
 #include "platform/posix/IoContext.h"
 #include "platform/posix/SocketPeer.h"
@@ -53,16 +54,18 @@ class ServerState : public std::enable_shared_from_this<ServerState> {
 
     void onAccepted(const boost::system::error_code& ec, Socket socket);
     void waitForDescriptor();
-    void stopWaiting();  // requires mutex_
+    void stopWaiting() OSB_REQUIRES(mutex_);
 
     std::shared_ptr<Backend> backend_;
     SmartPointer<IoNotifyPipeAccept> notify_;
     std::string path_;
-    std::mutex mutex_;
-    asio::local::stream_protocol::acceptor acceptor_;  // guarded by mutex_
-    asio::steady_timer retry_;                         // guarded by mutex_
-    bool closed_ = false;                              // guarded by mutex_
-    bool waiting_ = false;                             // guarded by mutex_; counted by backend_
+    // Lock order: taken after the backend's registry lock (the backend closes and wakes servers
+    // under it); the registry lock is never taken while this one is held.
+    Mutex mutex_;
+    asio::local::stream_protocol::acceptor acceptor_ OSB_GUARDED_BY(mutex_);
+    asio::steady_timer retry_ OSB_GUARDED_BY(mutex_);
+    bool closed_ OSB_GUARDED_BY(mutex_) = false;
+    bool waiting_ OSB_GUARDED_BY(mutex_) = false;  // counted by backend_
     std::chrono::milliseconds backoff_ = kFirstBackoff;  // owned by the accept thread
     ino_t inode_ = 0;                                  // of our socket file, set by listen()
 };
@@ -97,7 +100,7 @@ uint32_t ServerState::listen() {
         if (S_ISSOCK(st.st_mode)) ::unlink(path_.c_str());
     }
     boost::system::error_code ec;
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     acceptor_.open(asio::local::stream_protocol(), ec);
     if (!ec) acceptor_.bind(asio::local::stream_protocol::endpoint(path_), ec);
     if (ec == asio::error::address_in_use) {
@@ -113,7 +116,7 @@ uint32_t ServerState::listen() {
 }
 
 void ServerState::acceptNext() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (closed_) return;
     acceptor_.async_accept(backend_->nextDelivery(),
                            [self = shared_from_this()](const boost::system::error_code& ec,
@@ -146,7 +149,7 @@ void ServerState::onAccepted(const boost::system::error_code& ec, Socket socket)
 }
 
 void ServerState::waitForDescriptor() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (closed_) return;
     waiting_ = true;
     backend_->acceptWaits(true);
@@ -155,7 +158,7 @@ void ServerState::waitForDescriptor() {
     // Runs when the time is up, and also (as cancelled) when wake() or close() ends the wait.
     retry_.async_wait([self = shared_from_this()](const boost::system::error_code&) {
         {
-            std::lock_guard<std::mutex> relock(self->mutex_);
+            MutexLock relock(self->mutex_);
             self->stopWaiting();
         }
         self->acceptNext();
@@ -169,12 +172,12 @@ void ServerState::stopWaiting() {
 }
 
 void ServerState::wake() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (waiting_) retry_.cancel();
 }
 
 void ServerState::close() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    MutexLock lock(mutex_);
     if (closed_) return;
     closed_ = true;
     stopWaiting();

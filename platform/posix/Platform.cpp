@@ -1,10 +1,10 @@
 #include "platform/Platform.h"
 
 #include <csignal>
-#include <mutex>
 
 #include "platform/ErrorCode.h"
 #include "platform/Exception.h"
+#include "platform/Mutex.h"
 #include "platform/posix/IoContext.h"
 
 namespace Osb {
@@ -12,22 +12,23 @@ namespace Osb {
 namespace {
 
 // Guards the backend pointer and the configuration. PlatformInit and PlatformUninit run on the
-// main thread; I/O calls on any thread only read the pointer.
-std::mutex platformMutex;
-std::shared_ptr<posix::Backend> backend;
-Config config;
+// main thread; I/O calls on any thread only read the pointer. Lock order: taken before any of the
+// backend's own locks, since the backend starts under it; none is held when it is taken.
+Mutex platformMutex;
+std::shared_ptr<posix::Backend> backend OSB_GUARDED_BY(platformMutex);
+Config config OSB_GUARDED_BY(platformMutex);
 
 }  // namespace
 
 namespace posix {
 std::shared_ptr<Backend> CurrentBackend() {
-    std::lock_guard<std::mutex> lock(platformMutex);
+    MutexLock lock(platformMutex);
     return backend;
 }
 }  // namespace posix
 
 void PlatformInit(const Config& newConfig) {
-    std::lock_guard<std::mutex> lock(platformMutex);
+    MutexLock lock(platformMutex);
     if (backend) throw ExSystem(Err::kInvalidParameter, OSB_HERE);
     // A peer that goes away while a reply is written must fail that write, not end the process.
     std::signal(SIGPIPE, SIG_IGN);
@@ -40,7 +41,7 @@ void PlatformInit(const Config& newConfig) {
 void PlatformUninit() {
     std::shared_ptr<posix::Backend> ending;
     {
-        std::lock_guard<std::mutex> lock(platformMutex);
+        MutexLock lock(platformMutex);
         ending = std::move(backend);
     }
     // Shut down outside the lock: completions that run meanwhile may ask for the backend.
@@ -48,7 +49,7 @@ void PlatformUninit() {
 }
 
 Config CurrentConfig() {
-    std::lock_guard<std::mutex> lock(platformMutex);
+    MutexLock lock(platformMutex);
     return config;
 }
 
