@@ -1,5 +1,6 @@
 #include "tools/client/AgentConnection.h"
 
+#include <algorithm>
 #include <string>
 
 #include "platform/ErrorCode.h"
@@ -23,22 +24,45 @@ RequestRefused::RequestRefused(ErrorReply reply)
 AgentConnection::AgentConnection(const std::u16string& pipeName)
     : pipe_(Osb::PipeClient::Connect(pipeName)) {}
 
-Reply AgentConnection::request(uint32_t code, const Bytes& body, int timeoutMs) {
+void AgentConnection::readReply(void* data, size_t bytes,
+                                std::chrono::steady_clock::time_point deadline) {
+    auto* at = static_cast<uint8_t*>(data);
+    while (bytes > 0) {
+        if (replyTimeoutMs_ >= 0) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0 || !pipe_->waitReadable(static_cast<int>(left.count()))) {
+                throw Osb::ExSystem(Osb::Err::kTimeout, OSB_HERE);
+            }
+        }
+        const size_t got = pipe_->readSome(at, bytes);
+        if (got == 0) throw Osb::ExSystem(Osb::Err::kBrokenPipe, OSB_HERE);
+        at += got;
+        bytes -= got;
+    }
+}
+
+Reply AgentConnection::request(uint32_t code, const Bytes& body) {
     const uint32_t requestId = nextRequestId_++;
     Bytes message = Frame(code, requestId, code == kHello ? 0 : clientId_, body);
     pipe_->writeAll(message.data(), message.size());
 
-    if (timeoutMs >= 0 && !pipe_->waitReadable(timeoutMs)) {
-        throw Osb::ExSystem(Osb::Err::kTimeout, OSB_HERE);
-    }
+    // One deadline for the whole reply: a service that sends a header and stalls is no better.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(replyTimeoutMs_, 0));
     uint8_t header[kHeaderBytes];
-    if (!pipe_->readExact(header, sizeof(header)))
-        throw Osb::ExSystem(Osb::Err::kBrokenPipe, OSB_HERE);
+    readReply(header, sizeof(header), deadline);
     MessageHeader h{};
     Vigil::Codec::decodeHeader(header, h);  // cannot fail: the whole header is in hand
-    Reply reply{h.code, h.requestId, h.clientId, Bytes(h.bodyLength)};
-    if (h.bodyLength > 0 && !pipe_->readExact(reply.body.data(), reply.body.size())) {
-        throw Osb::ExSystem(Osb::Err::kBrokenPipe, OSB_HERE);
+    Reply reply{h.code, h.requestId, h.clientId, {}};
+    // Grown as the bytes come, so a length field that lies costs no more memory than the bytes
+    // that really arrive.
+    constexpr size_t kChunk = size_t{1} << 20;
+    for (size_t have = 0; have < h.bodyLength;) {
+        const size_t piece = std::min<size_t>(kChunk, h.bodyLength - have);
+        reply.body.resize(have + piece);
+        readReply(reply.body.data() + have, piece, deadline);
+        have += piece;
     }
     if (reply.requestId != requestId) throw DecodeError("the reply answers another request");
     return reply;

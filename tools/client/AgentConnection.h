@@ -5,6 +5,7 @@
 // (MaxRequestBody); request() sends whatever it is given.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -36,9 +37,13 @@ class AgentConnection {
   public:
     explicit AgentConnection(const std::u16string& pipeName);
 
+    // Bounds the wait for each whole reply from now on (-1, the default: no bound); a reply that
+    // does not arrive in time raises Osb::ExSystem with 1460 (ERROR_TIMEOUT).
+    void setReplyTimeout(int timeoutMs) { replyTimeoutMs_ = timeoutMs; }
+
     // Sends one message as it is, whatever its length, and returns the reply, whatever its code.
-    // The reply must carry the request's id. `timeoutMs` bounds the wait for it (-1: no bound).
-    Reply request(uint32_t code, const Bytes& body, int timeoutMs = -1);
+    // The reply must carry the request's id.
+    Reply request(uint32_t code, const Bytes& body);
 
     HelloReply hello(const Guid& guid, uint32_t versionMajor, uint32_t versionMinor);
     void connectionCheck();
@@ -60,7 +65,11 @@ class AgentConnection {
     // The reply of `code`'s request, or RequestRefused.
     Bytes expect(uint32_t code, const Bytes& body);
 
+    // Reads exactly `bytes` of the reply under way, by `deadline` when the wait is bounded.
+    void readReply(void* data, size_t bytes, std::chrono::steady_clock::time_point deadline);
+
     std::unique_ptr<Osb::PipeClient> pipe_;
+    int replyTimeoutMs_ = -1;
     uint32_t clientId_ = 0;
     uint32_t versionMajor_ = 1;
     uint32_t nextRequestId_ = 1;
