@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 #include "platform/Mutex.h"
@@ -38,8 +37,11 @@ public:
     void broadcast();
 
 private:
-    std::mutex listMutex_;  // guards waiters_; taken before any ThreadParker's own lock
-    std::vector<detail::ThreadParker*> waiters_;
+    // Lock order: taken after the waiters' mutex when a waiter holds it, and before the lock of any
+    // waiting thread's parker (the POSIX backend's per-thread sleeping place, which this header
+    // cannot name); no other lock is taken while it is held.
+    Mutex listMutex_;
+    std::vector<detail::ThreadParker*> waiters_ OSB_GUARDED_BY(listMutex_);
 };
 
 }  // namespace Osb

@@ -10,15 +10,14 @@ namespace Osb {
 // Each waiter sleeps on its own thread's parker; the CondVar keeps the list of parkers waiting on
 // it. A signal hands itself to one parker under listMutex_, so a waiter that leaves the list
 // knows for certain whether it was picked, and no signal is lost between two waiters.
-// The mutex is released and retaken inside, which the analysis cannot follow.
-WaitResult CondVar::wait_(Mutex& mutex, int32_t timeoutMs) OSB_NO_THREAD_SAFETY_ANALYSIS {
+WaitResult CondVar::wait_(Mutex& mutex, int32_t timeoutMs) {
     detail::ThreadParker* parker = detail::CurrentParker().get();
     {
-        std::lock_guard<std::mutex> parkerLock(parker->mutex);
+        detail::NativeMutexLock parkerLock(parker->mutex);
         parker->signalled = false;
     }
     {
-        std::lock_guard<std::mutex> listLock(listMutex_);
+        MutexLock listLock(listMutex_);
         waiters_.push_back(parker);
     }
     mutex.unlock();
@@ -26,18 +25,21 @@ WaitResult CondVar::wait_(Mutex& mutex, int32_t timeoutMs) OSB_NO_THREAD_SAFETY_
     std::deque<std::function<void()>> apcs;
     bool timedOut = false;
     {
-        std::unique_lock<std::mutex> parkerLock(parker->mutex);
-        auto woken = [parker] { return parker->signalled || !parker->apcs.empty(); };
-        if (timeoutMs < 0) {
-            parker->wake.wait(parkerLock, woken);
-        } else {
-            timedOut =
-                !parker->wake.wait_for(parkerLock, std::chrono::milliseconds(timeoutMs), woken);
+        detail::NativeMutexLock parkerLock(parker->mutex);
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!parker->signalled && parker->apcs.empty()) {
+            if (timeoutMs < 0) {
+                parkerLock.wait(parker->wake);
+            } else if (!parkerLock.waitUntil(parker->wake, deadline)) {
+                timedOut = !parker->signalled && parker->apcs.empty();
+                break;
+            }
         }
         apcs = parker->takeApcs();
     }
     {
-        std::lock_guard<std::mutex> listLock(listMutex_);
+        MutexLock listLock(listMutex_);
         auto it = std::find(waiters_.begin(), waiters_.end(), parker);
         if (it != waiters_.end()) waiters_.erase(it);
     }
@@ -45,7 +47,7 @@ WaitResult CondVar::wait_(Mutex& mutex, int32_t timeoutMs) OSB_NO_THREAD_SAFETY_
     // tests its condition anyway, so it is honoured by returning.
     bool signalled;
     {
-        std::lock_guard<std::mutex> parkerLock(parker->mutex);
+        detail::NativeMutexLock parkerLock(parker->mutex);
         signalled = parker->signalled;
         parker->signalled = false;
     }
@@ -61,22 +63,22 @@ WaitResult CondVar::wait_(Mutex& mutex, int32_t timeoutMs) OSB_NO_THREAD_SAFETY_
 }
 
 void CondVar::signal() {
-    std::lock_guard<std::mutex> listLock(listMutex_);
+    MutexLock listLock(listMutex_);
     if (waiters_.empty()) return;
     detail::ThreadParker* parker = waiters_.front();
     waiters_.erase(waiters_.begin());
     {
-        std::lock_guard<std::mutex> parkerLock(parker->mutex);
+        detail::NativeMutexLock parkerLock(parker->mutex);
         parker->signalled = true;
     }
     parker->wake.notify_one();
 }
 
 void CondVar::broadcast() {
-    std::lock_guard<std::mutex> listLock(listMutex_);
+    MutexLock listLock(listMutex_);
     for (detail::ThreadParker* parker : waiters_) {
         {
-            std::lock_guard<std::mutex> parkerLock(parker->mutex);
+            detail::NativeMutexLock parkerLock(parker->mutex);
             parker->signalled = true;
         }
         parker->wake.notify_one();

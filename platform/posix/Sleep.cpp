@@ -17,9 +17,10 @@ uint32_t SleepEx(uint32_t ms, bool alertable) {
     detail::ThreadParker* parker = detail::CurrentParker().get();
     std::deque<std::function<void()>> apcs;
     {
-        std::unique_lock<std::mutex> lock(parker->mutex);
-        parker->wake.wait_for(lock, std::chrono::milliseconds(ms),
-                              [parker] { return !parker->apcs.empty(); });
+        detail::NativeMutexLock lock(parker->mutex);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (parker->apcs.empty() && lock.waitUntil(parker->wake, deadline)) {
+        }
         apcs = parker->takeApcs();
     }
     if (apcs.empty()) return 0;

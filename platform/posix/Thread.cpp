@@ -24,7 +24,7 @@ struct ParkerHolder {
         if (!parker) return;
         std::deque<std::function<void()>> dropped;
         {
-            std::lock_guard<std::mutex> lock(parker->mutex);
+            NativeMutexLock lock(parker->mutex);
             parker->ended = true;
             dropped = parker->takeApcs();
         }
@@ -71,7 +71,7 @@ bool QueueApc(const ApcTarget& target, std::function<void()> routine) {
     detail::ThreadParker* parker = target.parker();
     if (parker == nullptr) return false;
     {
-        std::lock_guard<std::mutex> lock(parker->mutex);
+        detail::NativeMutexLock lock(parker->mutex);
         if (parker->ended) return false;
         parker->apcs.push_back(std::move(routine));
     }

@@ -6,19 +6,23 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
+
+#include "platform/posix/NativeMutex.h"
 
 namespace Osb::detail {
 
 struct ThreadParker {
-    std::mutex mutex;  // guards every field below; taken after CondVar::listMutex_, never before
-    std::condition_variable wake;
-    bool signalled = false;                  // a CondVar picked this thread for its signal
-    std::deque<std::function<void()>> apcs;  // queued, not yet run
-    bool ended = false;                      // the thread is gone; APCs are refused
+    // Lock order: taken after a CondVar's list lock (a signal marks the parker it picks under
+    // both), never before it; nothing else is taken while it is held. The two belong to different
+    // classes, one per waiting thread, so the order is kept by hand rather than declared.
+    NativeMutex mutex;
+    std::condition_variable wake;  // waited on under `mutex`; notified with or without it
+    bool signalled OSB_GUARDED_BY(mutex) = false;  // a CondVar picked this thread for its signal
+    std::deque<std::function<void()>> apcs OSB_GUARDED_BY(mutex);  // queued, not yet run
+    bool ended OSB_GUARDED_BY(mutex) = false;  // the thread is gone; APCs are refused
 
     // Takes the queued APCs out; the caller runs them with no lock held.
-    std::deque<std::function<void()>> takeApcs() {
+    std::deque<std::function<void()>> takeApcs() OSB_REQUIRES(mutex) {
         std::deque<std::function<void()>> taken;
         taken.swap(apcs);
         return taken;
