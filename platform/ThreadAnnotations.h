@@ -18,4 +18,7 @@
 #define OSB_EXCLUDES(...) OSB_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define OSB_ACQUIRE(...) OSB_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define OSB_RELEASE(...) OSB_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define OSB_ACQUIRE_SHARED(...) OSB_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#define OSB_RELEASE_SHARED(...) OSB_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
+#define OSB_RELEASE_GENERIC(...) OSB_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define OSB_NO_THREAD_SAFETY_ANALYSIS OSB_THREAD_ANNOTATION(no_thread_safety_analysis)

@@ -1,8 +1,8 @@
 #include "service/VigilDispatch.h"
 
 #include <cstdio>
-#include <shared_mutex>
 
+#include "platform/SharedMutex.h"
 #include "platform/Utf.h"
 #include "service/VigilExceptions.h"
 #include "service/VigilHandlers.h"
@@ -14,8 +14,8 @@ namespace {
 
 // Guards the pointers of dispatchTables: shared for each Dispatch, exclusive to build and free
 // them. Taken after a Client's mutex and before the watch database's lock.
-std::shared_mutex dispatchTablesMutex;
-DispatchTable* dispatchTables[2] = {nullptr, nullptr};
+Osb::SharedMutex dispatchTablesMutex;
+DispatchTable* dispatchTables[2] OSB_GUARDED_BY(dispatchTablesMutex) = {nullptr, nullptr};
 
 struct Entry {
     uint32_t code;
@@ -62,7 +62,7 @@ void DumpReasons(const Osb::Exception& error) {
 }  // namespace
 
 void InitDispatch() {
-    std::unique_lock lock(dispatchTablesMutex);
+    Osb::WriterLock lock(dispatchTablesMutex);
     for (uint32_t family = 0; family < 2; ++family) {
         delete dispatchTables[family];
         dispatchTables[family] = MakeTable(family);
@@ -70,7 +70,7 @@ void InitDispatch() {
 }
 
 void TermDispatch() {
-    std::unique_lock lock(dispatchTablesMutex);
+    Osb::WriterLock lock(dispatchTablesMutex);
     for (DispatchTable*& table : dispatchTables) {
         delete table;
         table = nullptr;
@@ -81,7 +81,7 @@ void Dispatch(const ClientSoftRef& client, const uint8_t* message, uint32_t avai
     Protocol::MessageHeader header{};
     // The receiving side hands over nothing shorter than a header.
     if (Codec::decodeHeader({message, available}, header) != Codec::Result::kOk) return;
-    std::shared_lock lock(dispatchTablesMutex);
+    Osb::ReaderLock lock(dispatchTablesMutex);
     try {
         const uint32_t family = Protocol::FamilyOf(header.code);
         if (family >= 2) throw ExInvalidHeader(OSB_HERE);
