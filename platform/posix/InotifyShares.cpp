@@ -1,4 +1,4 @@
-// The shares of kernel watches per owner of the watched folders.
+// The shares of kernel watches per owner of the watched directories.
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,17 +32,31 @@ void Watcher::refreshWatchShare() {
     watchShare = kernel / kWatchShareDivisor;
 }
 
+uint32_t Watcher::chargeFor(HDirectory h, const std::string& relative) const {
+    if (relative.empty()) return h->owner;
+    // The directory's own owner when that is a limited one: a user's directories below a folder
+    // of root's (/tmp, /home) count against that user, not against root, who has no share. The
+    // folder's owner otherwise, so a limited user's folder pays for everything in it.
+    struct stat st;
+    const std::string path = h->root + "/" + relative.substr(0, relative.size() - 1);
+    if (::lstat(path.c_str(), &st) == 0 && limited(static_cast<uint32_t>(st.st_uid))) {
+        return static_cast<uint32_t>(st.st_uid);
+    }
+    return h->owner;
+}
+
 bool Watcher::subscribe(HDirectory h, int wd, const std::string& relative) {
     InotifyQueue& q = *h->queue;
     auto it = q.subscribers.find(wd);
     if (it == q.subscribers.end()) {
-        size_t& count = ownerWatches[h->owner];
-        if (limited(h->owner) && count >= watchShare) {
+        const uint32_t charged = chargeFor(h, relative);
+        size_t& count = ownerWatches[charged];
+        if (limited(charged) && count >= watchShare) {
             ::inotify_rm_watch(q.fd, wd);
             return false;
         }
         ++count;
-        q.chargedTo[wd] = h->owner;
+        q.chargedTo[wd] = charged;
         it = q.subscribers.try_emplace(wd).first;
     }
     if (h->dirs.find(wd) == h->dirs.end()) it->second.push_back(h);

@@ -27,8 +27,10 @@
 // user (max_user_watches), so one user with a huge tree could otherwise leave none for anybody
 // else. An owner other than root and the service's user holds at most a quarter of that limit,
 // counted as distinct kernel watches on any queue (the shared one too); a directory past it is
-// left out like one the kernel refuses, with its own code (1816). Letting go of a watch gives it
-// back to its owner's share.
+// left out like one the kernel refuses, with its own code (1816). A watch counts against the
+// owner of the directory watched when that owner is limited (so a user's directories below a
+// folder of root's are that user's), else against the folder's owner. Letting go of a watch
+// gives it back to the share it was counted in.
 //
 // Delivery adapts to the load. The reader completes reads once per drain of the kernel queues,
 // not per event, and between drains it may pause so that a burst's events gather
@@ -92,7 +94,7 @@ struct InotifyQueue {
     uint32_t owner = 0;   // the owner's uid, when not shared
     std::vector<HDirectory> handles;
     std::unordered_map<int, std::vector<HDirectory>> subscribers;  // wd -> handles
-    // wd -> the owner whose share the watch is counted in: that of the handle that set it up.
+    // wd -> the owner whose share the watch is counted in (Watcher::chargeFor when it was set up).
     std::unordered_map<int, uint32_t> chargedTo;
 };
 
@@ -182,9 +184,11 @@ private:
     // of the first failure; a directory below the root that cannot be watched is left out and the
     // rest of its tree is still watched.
     uint32_t watchTree(HDirectory h, const std::string& relative, bool report) OSB_REQUIRES(mutex);
-    // Files wd as h's directory `relative`. A watch new to h's queue is counted in h's owner's
-    // share; when that share is full, the watch is removed again and false returned.
+    // Files wd as h's directory `relative`. A watch new to h's queue is counted in the share of
+    // chargeFor's owner; when that share is full, the watch is removed again and false returned.
     bool subscribe(HDirectory h, int wd, const std::string& relative) OSB_REQUIRES(mutex);
+    // The owner a new watch of h's directory `relative` counts against.
+    uint32_t chargeFor(HDirectory h, const std::string& relative) const;
     bool limited(uint32_t owner) const { return owner != 0 && owner != serviceUser; }
     void unwatch(HDirectory h, int wd) OSB_REQUIRES(mutex);
     void unwatchBelow(HDirectory h, const std::string& relative) OSB_REQUIRES(mutex);
