@@ -104,6 +104,13 @@ void SetWatchShareForTesting(size_t watches);
 // For tests: the directories the backend watches right now, over every open handle (a directory
 // watched by two handles of one queue counts once).
 size_t WatchedDirectoriesForTesting();
+
+// For tests and benchmarks: true when every tree whose watching has begun is watched whole. The
+// first read of a big tree returns having watched part of it, and the rest follows shortly.
+bool DirectoryWalksDoneForTesting();
+// For tests: while held, the walks of big trees stop where they are (the first read's own part
+// is still walked).
+void HoldDirectoryWalksForTesting(bool hold);
 // For tests: the kernel queues in use right now.
 size_t ChangeQueuesForTesting();
 // For tests: while held, the backend takes nothing from its kernel queues, which fill up as they

@@ -350,7 +350,8 @@ std::u16string Database::cachePathForTesting() {
 
 bool Database::startsSettledForTesting() {
     Osb::MutexLock lock(mutex_);
-    return !thread_ || thread_->startsSettled();
+    // Begun and also watched whole: the backend walks the rest of a big tree after the start.
+    return !thread_ || (thread_->startsSettled() && Osb::DirectoryWalksDoneForTesting());
 }
 
 size_t Database::activeWatches() {

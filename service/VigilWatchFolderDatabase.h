@@ -152,7 +152,7 @@ class Database {
     // not start is not counted. Takes the database lock, then the watch thread's.
     size_t activeWatches();
     // For tests: the current cache file's path, and whether every start queued so far has been
-    // tried by the watch thread (true when there is no thread).
+    // tried by the watch thread and its tree watched whole (true when there is no thread).
     std::u16string cachePathForTesting();
     bool startsSettledForTesting();
     // For benchmarks: runs `work` with the database lock held, so completions wait behind it.

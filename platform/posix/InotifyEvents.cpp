@@ -9,7 +9,8 @@
 
 namespace Osb::detail {
 
-uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool report) {
+uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool report,
+                           std::vector<std::string>* later) {
     std::string path = relative.empty() ? h->root : h->root + "/" + relative.substr(0, relative.size() - 1);
     // The folder itself is found as its path names it, through a symbolic link too, as opening a
     // folder by path does; only the links met below it are not followed.
@@ -50,6 +51,10 @@ uint32_t Watcher::watchTree(HDirectory h, const std::string& relative, bool repo
     }
     ::closedir(dir);
     if (!h->subtree) return 0;
+    if (later != nullptr) {
+        later->insert(later->end(), subdirectories.begin(), subdirectories.end());
+        return 0;
+    }
     uint32_t failure = 0;
     for (const std::string& sub : subdirectories) {
         const uint32_t error = watchTree(h, sub, report);

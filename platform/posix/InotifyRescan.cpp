@@ -12,6 +12,8 @@
 namespace Osb::detail {
 
 void Watcher::startRescan(HDirectory h) {
+    // The rescan walks the whole tree: a first walk still under way has nothing left to add.
+    stopWalk(h);
     // A rescan under way starts over: what it walked before this overflow may have changed since.
     h->rescanStack.assign(1, std::string());
     h->rescanned.clear();

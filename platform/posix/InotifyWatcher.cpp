@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "platform/ErrorCode.h"
 #include "platform/Utf.h"
@@ -17,6 +19,23 @@ namespace Osb {
 namespace detail {
 
 namespace {
+
+// Holds the watcher's lock for a caller other than the reader, counted as waiting until it has
+// it, so that a reader busy walking a big tree lets it in between two slices.
+class OSB_SCOPED_CAPABILITY CallerLock {
+public:
+    CallerLock(Mutex& mutex, std::atomic<int>& contenders) OSB_ACQUIRE(mutex) : mutex_(mutex) {
+        contenders.fetch_add(1);
+        mutex_.lock();
+        contenders.fetch_sub(1);
+    }
+    ~CallerLock() OSB_RELEASE() { mutex_.unlock(); }
+    CallerLock(const CallerLock&) = delete;
+    CallerLock& operator=(const CallerLock&) = delete;
+
+private:
+    Mutex& mutex_;
+};
 
 void QueueAll(std::vector<Completion>& completions) {
     for (Completion& c : completions) {
@@ -113,7 +132,7 @@ HDirectory Watcher::open(const std::string& root) {
         return nullptr;
     }
     MutexLock starting(lifecycle);
-    MutexLock lock(mutex);
+    CallerLock lock(mutex, contenders);
     if (!ensureStarted()) return nullptr;
     InotifyQueue* q = queueFor(static_cast<uint32_t>(st.st_uid));
     if (q == nullptr) return nullptr;
@@ -132,6 +151,11 @@ size_t Watcher::watchedDirectories() {
     size_t count = 0;
     for (const auto& q : queues) count += q->subscribers.size();
     return count;
+}
+
+bool Watcher::walksDone() {
+    MutexLock lock(mutex);
+    return walks.empty();
 }
 
 size_t Watcher::queueCount() {
@@ -156,12 +180,21 @@ void Watcher::wake() {
     (void)ignored;
 }
 
+
+void Watcher::stepAside() {
+    // Bounded: a caller that is slow to be scheduled costs the walk 2 ms at most.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(2);
+    while (contenders.load() > 0 && std::chrono::steady_clock::now() < until) {
+        std::this_thread::yield();
+    }
+}
+
 bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
                    DirectoryOverlapped* o, DirectoryCompletion routine) {
     std::vector<Completion> out;
     uint32_t failure = 0;
     {
-        MutexLock lock(mutex);
+        CallerLock lock(mutex, contenders);
         if (h->reading) {
             SetLastError(Err::kInvalidParameter);
             return false;
@@ -177,13 +210,17 @@ bool Watcher::read(HDirectory h, void* buffer, uint32_t length, bool subtree,
             refreshWatchShare();
             // Only the folder itself refused fails the read; a directory below it that cannot
             // be watched is reported by the read, and the rest of the tree is watched.
-            const uint32_t error = watchTree(h, "", false);
+            h->walkStack.clear();
+            uint32_t error = watchTree(h, "", false, &h->walkStack);
             if (h->rootWd < 0) {
                 unwatchBelow(h, "");
+                h->walkStack.clear();
                 failure = error;
             } else {
                 h->watching = true;
-                h->failure = error;
+                const uint32_t below = walkSome(h, kFirstWalkDirectories);
+                h->failure = error != 0 ? error : below;
+                if (!h->walkStack.empty()) startWalk(h);
             }
         }
         if (failure == 0) {
@@ -278,7 +315,7 @@ void Watcher::settle(DrainResult& result, std::vector<Completion>& out) {
 
 void Watcher::readerLoop() {
     int64_t pause = 0;        // microseconds
-    bool rescanning = false;  // rescans have directories left to walk
+    bool rescanning = false;  // rescans or first walks have directories left to walk
     std::vector<uint64_t> ready;
     epoll_event events[64];
     for (;;) {
@@ -320,10 +357,12 @@ void Watcher::readerLoop() {
                     drainQueue(*q, result, out);
             }
             rescanning = rescanSlice();
+            rescanning = walkSlice() || rescanning;
             settle(result, out);
             pause = NextPause(pause, result);
         }
         QueueAll(out);
+        if (rescanning) stepAside();
     }
 }
 
@@ -332,8 +371,9 @@ void Watcher::close(HDirectory h) {
     std::vector<Completion> out;
     bool last;
     {
-        MutexLock lock(mutex);
+        CallerLock lock(mutex, contenders);
         stopRescan(h);
+        stopWalk(h);
         unwatchBelow(h, "");
         h->pending.clear();
         h->failure = 0;
@@ -374,6 +414,10 @@ bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool
 void CloseDirectory(HDirectory handle) { Watcher::instance().close(handle); }
 
 size_t WatchedDirectoriesForTesting() { return Watcher::instance().watchedDirectories(); }
+
+bool DirectoryWalksDoneForTesting() { return Watcher::instance().walksDone(); }
+
+void HoldDirectoryWalksForTesting(bool hold) { Watcher::instance().holdWalks(hold); }
 
 size_t ChangeQueuesForTesting() { return Watcher::instance().queueCount(); }
 

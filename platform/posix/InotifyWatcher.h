@@ -32,6 +32,11 @@
 // folder of root's are that user's), else against the folder's owner. Letting go of a watch
 // gives it back to the share it was counted in.
 //
+// The first read of a handle watches its folder and up to kFirstWalkDirectories directories of its
+// tree; the reader walks the rest of a bigger tree in slices like a rescan (InotifyWalk.cpp), so a
+// client adding a tree of 200,000 directories holds up neither the caller's other work nor anybody
+// else's changes. A directory not walked yet reports nothing, as before its watch was set up.
+//
 // Delivery adapts to the load. The reader completes reads once per drain of the kernel queues,
 // not per event, and between drains it may pause so that a burst's events gather
 // (DeliveryPause.h).
@@ -45,6 +50,7 @@
 
 #include <sys/inotify.h>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -72,6 +78,12 @@ constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED
 constexpr size_t kOwnerQueueLimit = 32;
 // Directories one turn of the reader walks for rescans before it drains the queues again.
 constexpr size_t kRescanSliceDirectories = 64;
+// Directories of a new handle's tree that its first read watches itself; the rest of a bigger tree
+// is walked by the reader, kRescanSliceDirectories per turn. Small trees are thus watched whole
+// when the read returns, and a huge one holds no lock for longer than a slice: the caller (the
+// watch thread, which other clients' requests wait for) and the reader (which every other folder's
+// changes wait for) go on meanwhile.
+constexpr size_t kFirstWalkDirectories = 256;
 
 struct Change {
     uint32_t action;
@@ -130,6 +142,10 @@ struct DirectoryHandleState {
     bool rescanning = false;
     std::vector<std::string> rescanStack;
     std::unordered_set<int> rescanned;
+    // The first walk of a subtree, past what the first read walked itself: the directories still
+    // to watch (their entries are not filed: they were there before the handle).
+    bool walking = false;
+    std::vector<std::string> walkStack;
     // The outstanding read, if any.
     bool reading = false;
     uint8_t* buffer = nullptr;
@@ -156,6 +172,8 @@ public:
               DirectoryCompletion routine);
     void close(HDirectory h);
     size_t watchedDirectories();
+    bool walksDone();
+    void holdWalks(bool hold);
     size_t queueCount();
     void hold(bool held);
     void setOwnerQueueLimit(size_t limit);
@@ -180,10 +198,20 @@ private:
     // completes the reads that can be.
     void settle(DrainResult& result, std::vector<Completion>& out) OSB_REQUIRES(mutex);
     // Watches `relative` (a directory below h's root, "" for the root) and, for a subtree, every
-    // directory below it; with `report`, its entries are filed as created. Returns 0 or the code
-    // of the first failure; a directory below the root that cannot be watched is left out and the
-    // rest of its tree is still watched.
-    uint32_t watchTree(HDirectory h, const std::string& relative, bool report) OSB_REQUIRES(mutex);
+    // directory below it, or only its own subdirectories' names put on `later` when given; with
+    // `report`, its entries are filed as created. Returns 0 or the code of the first failure; a
+    // directory below the root that cannot be watched is left out and the rest of its tree is
+    // still watched.
+    uint32_t watchTree(HDirectory h, const std::string& relative, bool report,
+                       std::vector<std::string>* later = nullptr) OSB_REQUIRES(mutex);
+    // The first walk (InotifyWalk.cpp): up to `budget` directories of h's walkStack watched;
+    // returns the code of the first failure, or 0.
+    uint32_t walkSome(HDirectory h, size_t budget) OSB_REQUIRES(mutex);
+    void startWalk(HDirectory h) OSB_REQUIRES(mutex);
+    void stopWalk(HDirectory h) OSB_REQUIRES(mutex);
+    // Walks up to kRescanSliceDirectories directories of the first walks under way; true while
+    // some are left.
+    bool walkSlice() OSB_REQUIRES(mutex);
     // Files wd as h's directory `relative`. A watch new to h's queue is counted in the share of
     // chargeFor's owner; when that share is full, the watch is removed again and false returned.
     bool subscribe(HDirectory h, int wd, const std::string& relative) OSB_REQUIRES(mutex);
@@ -210,9 +238,14 @@ private:
     void completeRescan(HDirectory h) OSB_REQUIRES(mutex);
     void wake();
     void refreshWatchShare() OSB_REQUIRES(mutex);
+    // From the reader between two slices of a walk: lets the callers waiting for `mutex` take it
+    // first (a mutex is not fair, and the reader would take it again at once).
+    void stepAside();
 
     Mutex lifecycle OSB_ACQUIRED_BEFORE(mutex);
     Mutex mutex OSB_ACQUIRED_AFTER(lifecycle);
+    // Callers of read and close waiting for `mutex` (CallerLock), which the reader steps aside for.
+    std::atomic<int> contenders{0};
     int epollFd = -1;    // written under both locks
     int wakeFd = -1;     // written under both locks
     std::thread reader OSB_GUARDED_BY(lifecycle);  // started and joined under lifecycle
@@ -230,6 +263,8 @@ private:
     size_t watchShare OSB_GUARDED_BY(mutex) = kFallbackKernelWatches / kWatchShareDivisor;
     size_t watchShareForTesting OSB_GUARDED_BY(mutex) = 0;
     std::deque<HDirectory> rescans OSB_GUARDED_BY(mutex);  // the handles with a rescan under way
+    std::deque<HDirectory> walks OSB_GUARDED_BY(mutex);  // the handles with a first walk under way
+    bool walksHeld OSB_GUARDED_BY(mutex) = false;        // by a test: walks wait where they are
     // Guarded by mutex: the handles of the event being filed, and of the drain. The thread that
     // drains uses them: the reader, or the caller of read, which drains a queue before a handle's
     // first watch so that older events are not handed to it.

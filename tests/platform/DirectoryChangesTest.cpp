@@ -408,3 +408,57 @@ TEST_F(DirectoryChangesTest, AttributesAsTheDirectoryTestSeesThem) {
 }
 
 }  // namespace
+
+namespace {
+
+// A tree of `count` directories, a hundred per parent; returns the last one made, relative.
+std::string MakeWideTree(const std::string& folder, int count) {
+    std::string last;
+    for (int i = 0; i < count; ++i) {
+        last = "p" + std::to_string(i / 100) + "/d" + std::to_string(i);
+        fs::create_directories(folder + "/" + last);
+    }
+    return last;
+}
+
+// The first read of a big tree returns having watched part of it, and the rest is walked
+// between the reader's other work: another folder is served while the walk waits, a handle
+// closed mid-walk drops its walk, and once done the tree is watched to its last directory.
+TEST_F(DirectoryChangesTest, ABigTreeIsWatchedWholeWithoutHoldingUpOtherFolders) {
+    const std::string big = root_ / "big";
+    const std::string last = MakeWideTree(big, 3000);
+    const size_t whole = 1 + 30 + 3000;  // the folder, its 30 parents and their directories
+    const std::string small = root_ / "small";
+    fs::create_directories(small);
+    const size_t before = Osb::WatchedDirectoriesForTesting();
+
+    Osb::HoldDirectoryWalksForTesting(true);
+    Watch bigWatch(big, true);
+    ASSERT_TRUE(bigWatch.issue());
+    EXPECT_FALSE(Osb::DirectoryWalksDoneForTesting());
+    EXPECT_LT(Osb::WatchedDirectoriesForTesting() - before, whole);
+    Watch smallWatch(small, false);
+    ASSERT_TRUE(smallWatch.issue());
+    Touch(small + "/meanwhile");
+    ASSERT_TRUE(smallWatch.wait());
+    EXPECT_EQ(smallWatch.decode(), (std::vector<Change>{{kAdded, "meanwhile"}}));
+
+    // A second handle on the same tree, closed while its walk waits.
+    Watch again(big, true);
+    ASSERT_TRUE(again.issue());
+    again.close();
+
+    Osb::HoldDirectoryWalksForTesting(false);
+    ASSERT_TRUE(vigil_test::PollUntil([] { return Osb::DirectoryWalksDoneForTesting(); },
+                                      std::chrono::seconds(60)));
+    EXPECT_EQ(Osb::WatchedDirectoriesForTesting() - before, whole + 1);
+    Touch(big + "/" + last + "/deepest");
+    ASSERT_TRUE(bigWatch.wait());
+    const std::vector<Change> seen = bigWatch.collectUntil({{kAdded, last + "/deepest"}});
+    EXPECT_NE(std::find(seen.begin(), seen.end(), Change{kAdded, last + "/deepest"}), seen.end());
+    bigWatch.close();
+    smallWatch.close();
+    EXPECT_EQ(Osb::WatchedDirectoriesForTesting(), before);
+}
+
+}  // namespace
