@@ -90,9 +90,10 @@ bool ReadDirectoryChanges(HDirectory handle, void* buffer, uint32_t length, bool
 // Closes the handle: an outstanding read completes with 0 bytes. Any thread.
 void CloseDirectory(HDirectory handle);
 
-// The owner (user id) of the folder `path` names, a symbolic link followed; false with the last
-// error set when it cannot be looked at.
-bool GetFolderOwner(const std::u16string& path, uint32_t& owner);
+// The owner (user id) of the folder `path` names, a symbolic link followed, and with `openToOthers`
+// whether users other than the owner may make entries in it (it is writable by its group or by
+// everyone, like /tmp); false with the last error set when it cannot be looked at.
+bool GetFolderOwner(const std::u16string& path, uint32_t& owner, bool* openToOthers = nullptr);
 // Whether folders of `owner` are held to a share (neither root nor this process's user).
 bool IsLimitedOwner(uint32_t owner);
 // Whether `owner` holds its whole share of kernel watches (never, for an owner not limited).

@@ -3,9 +3,27 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "platform/DirectoryChanges.h"
 #include "platform/Utf.h"
 
 namespace Vigil::Watch {
+
+namespace {
+
+// Who the log lines speak of.
+std::string OwnerText(uint32_t owner) {
+    if (owner == PendingShare::kOpenFolders) return "folders open to every user";
+    return "folders of user " + std::to_string(owner);
+}
+
+}  // namespace
+
+uint32_t PendingShare::keyOf(const std::u16string& folder) {
+    uint32_t owner = 0;
+    bool openToOthers = false;
+    if (!Osb::GetFolderOwner(folder, owner, &openToOthers)) return 0;
+    return !Osb::IsLimitedOwner(owner) && openToOthers ? kOpenFolders : owner;
+}
 
 size_t PendingShare::cost(const std::vector<std::u16string>& names) {
     size_t bytes = 0;
@@ -27,9 +45,9 @@ size_t PendingShare::admit(uint32_t owner, const std::u16string& folder,
         if (!usage.full) {
             usage.full = true;
             std::fprintf(stderr,
-                         "pending names of folders of user %u reached their bound of %zu bytes at "
-                         "%s: further names are dropped\n",
-                         owner, bound_, Osb::Utf16ToUtf8(folder).c_str());
+                         "pending names of %s reached their bound of %zu bytes at %s: further "
+                         "names are dropped\n",
+                         OwnerText(owner).c_str(), bound_, Osb::Utf16ToUtf8(folder).c_str());
         }
         ++dropped;
         return true;
@@ -48,8 +66,8 @@ void PendingShare::release(uint32_t owner, const std::u16string& folder, size_t 
     if (usage.full && usage.bytes <= bound_ / 4 * 3) {
         usage.full = false;
         std::fprintf(stderr,
-                     "pending names of folders of user %u are under their bound again (%s)\n",
-                     owner, Osb::Utf16ToUtf8(folder).c_str());
+                     "pending names of %s are under their bound again (%s)\n",
+                     OwnerText(owner).c_str(), Osb::Utf16ToUtf8(folder).c_str());
     }
     if (usage.bytes == 0 && !usage.full) owners_.erase(it);
 }

@@ -2,7 +2,9 @@
 // take. The service keeps names until their client collects them; without a bound a user could
 // make the service hold any amount of memory with a storm of files in a folder of their own
 // watched by many GUIDs. The owner of the watched folder is the key (a cache loaded at start does
-// not say which user added a folder); root's folders and the service user's own are not counted.
+// not say which user added a folder); root's folders and the service user's own are not counted,
+// except those that other users may write to (/tmp, /var/tmp, /dev/shm): anybody's files land
+// there, so their names share one bound of their own (kOpenFolders).
 //
 // Not thread-safe: the database keeps it under its own lock.
 #pragma once
@@ -24,6 +26,13 @@ class PendingShare {
     // Bytes of a list entry beyond the name's own units: the string object and the heap block's
     // bookkeeping.
     static constexpr size_t kEntryOverhead = sizeof(std::u16string) + 16;
+
+    // The key of the folders of root or of the service's user that others may write to: no real
+    // user has it ((uid_t)-1 names none), and it is limited like a user.
+    static constexpr uint32_t kOpenFolders = 0xFFFFFFFF;
+    // The key the names of `folder` count against: kOpenFolders, or its owner (0, root's, when it
+    // cannot be looked at: its watch is about to end anyway).
+    static uint32_t keyOf(const std::u16string& folder);
 
     static size_t cost(const std::u16string& name) {
         return kEntryOverhead + name.size() * sizeof(char16_t);

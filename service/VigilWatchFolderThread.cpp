@@ -6,6 +6,7 @@
 #include "platform/ErrorCode.h"
 #include "platform/Exception.h"
 #include "platform/Utf.h"
+#include "service/VigilPendingShare.h"
 #include "service/VigilWatchOnChanges.h"
 
 namespace Vigil::Watch {
@@ -99,8 +100,7 @@ void Thread::beginWatch(const Guid& guid, const std::u16string& path,
     record->handle = handle;
     record->guid = guid;
     record->path = path;
-    // Unknown (gone meanwhile, say): counted as root's, as the read will end the watch soon.
-    if (!Osb::GetFolderOwner(path, record->owner)) record->owner = 0;
+    record->owner = PendingShare::keyOf(path);
     record->watchSubtree = options.watchSubtree;
     record->reportChanged = options.reportChanged;
     record->reportRemoved = options.reportRemoved;

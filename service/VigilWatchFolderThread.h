@@ -45,7 +45,7 @@ struct ReadRecord {
     Osb::HDirectory handle = nullptr;     // a copy of the active entry's, not owning
     Guid guid;
     std::u16string path;
-    uint32_t owner = 0;  // the folder's owner when the watch began: its names count against it
+    uint32_t owner = 0;  // PendingShare::keyOf the folder when the watch began
     alignas(4) uint8_t buffer[kBufferBytes];
     uint8_t watchSubtree = 0;
     uint8_t reportChanged = 0;

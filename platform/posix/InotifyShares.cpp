@@ -80,7 +80,7 @@ bool Watcher::shareReached(uint32_t owner) {
 
 }  // namespace detail
 
-bool GetFolderOwner(const std::u16string& path, uint32_t& owner) {
+bool GetFolderOwner(const std::u16string& path, uint32_t& owner, bool* openToOthers) {
     const std::string name = Utf16ToUtf8(path);
     struct stat st;
     if (::stat(name.c_str(), &st) != 0) {
@@ -88,6 +88,7 @@ bool GetFolderOwner(const std::u16string& path, uint32_t& owner) {
         return false;
     }
     owner = static_cast<uint32_t>(st.st_uid);
+    if (openToOthers != nullptr) *openToOthers = (st.st_mode & (S_IWGRP | S_IWOTH)) != 0;
     return true;
 }
 

@@ -1,11 +1,15 @@
 // The bound on the pending names of one owner's folders, kept by Watch::Database.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "platform/DirectoryChanges.h"
 #include "platform/Utf.h"
 #include "service/VigilPendingShare.h"
 #include "service/VigilWatchFolderDatabase.h"
@@ -113,6 +117,36 @@ TEST(PendingShareTest, NamesPastAnOwnersBoundAreDroppedAndCollectingGivesTheRoom
         EXPECT_EQ(rootNames, Numbered(u"r", 40));
         database.close();
     }
+}
+
+// Whose bound a folder's names count against: its owner's, except for folders of root's that
+// others may write to, whose names share one bound whoever made them.
+TEST(PendingShareTest, FoldersOpenToEveryUserShareOneBound) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to give folders to another owner";
+    vigil_test::ScratchRoot root;
+    struct Case {
+        const char* name;
+        uid_t owner;
+        mode_t mode;
+        uint32_t key;
+    };
+    const Case cases[] = {
+        {"roots", 0, 0755, 0},
+        {"roots-sticky-open", 0, 01777, PendingShare::kOpenFolders},
+        {"roots-group-writable", 0, 0775, PendingShare::kOpenFolders},
+        {"users", kUser, 0755, kUser},
+        {"users-open", kUser, 0777, kUser},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string folder = root / c.name;
+        fs::create_directories(folder);
+        ASSERT_EQ(::chown(folder.c_str(), c.owner, c.owner), 0);
+        ASSERT_EQ(::chmod(folder.c_str(), c.mode), 0);
+        EXPECT_EQ(PendingShare::keyOf(Osb::Utf8ToUtf16(folder + "/")), c.key);
+    }
+    EXPECT_EQ(PendingShare::keyOf(Osb::Utf8ToUtf16(root / "missing/")), 0u);
+    EXPECT_TRUE(Osb::IsLimitedOwner(PendingShare::kOpenFolders));
 }
 
 }  // namespace
