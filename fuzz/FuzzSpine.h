@@ -25,7 +25,9 @@ std::string WatchableFolder();
 void StartScratchService();
 
 // Feeds `data` to a new client as one connection's reads: the first byte picks the read size
-// (1 to 256 bytes), the rest is the stream. Returns the replies.
-std::vector<vigil_test::Reply> DriveOneClient(const uint8_t* data, size_t size);
+// (1 to 256 bytes), the rest is the stream. Returns the replies; `messages`, when given, gets the
+// number of messages the same reads cut from the stream, counted on a receive buffer of its own.
+std::vector<vigil_test::Reply> DriveOneClient(const uint8_t* data, size_t size,
+                                              size_t* messages = nullptr);
 
 }  // namespace vigil_fuzz

@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <memory>
 #include <filesystem>
 #include <string>
 
@@ -7,6 +8,7 @@
 #include "service/VigilClientTable.h"
 #include "service/VigilDispatch.h"
 #include "service/VigilProtocol.h"
+#include "service/VigilReceive.h"
 #include "service/VigilWatchChangeFilter.h"
 #include "service/VigilWatchFolderDatabase.h"
 
@@ -78,7 +80,8 @@ void StartScratchService() {
     });
 }
 
-std::vector<vigil_test::Reply> DriveOneClient(const uint8_t* data, size_t size) {
+std::vector<vigil_test::Reply> DriveOneClient(const uint8_t* data, size_t size,
+                                              size_t* messages) {
     // A driven client stays in the table when it goes (no connection closes it), and the table
     // holds 1,024: each input starts on an empty one.
     Vigil::ResetClientTableForTesting();
@@ -97,11 +100,19 @@ std::vector<vigil_test::Reply> DriveOneClient(const uint8_t* data, size_t size) 
         if (total >= kMaxRequestBytes) break;
         at += static_cast<size_t>(total);
     }
+    // An oversized announcement takes what has arrived, so the count depends on where reads end:
+    // the shadow is fed the same pieces.
+    auto shadow = std::make_unique<Vigil::ReceiveBuffer>();
+    size_t cut = 0;
     for (size_t at = 0; at < stream.size(); at += readBytes) {
         size_t piece = std::min(readBytes, stream.size() - at);
-        client.feed(vigil_test::Bytes(stream.begin() + static_cast<long>(at),
-                                      stream.begin() + static_cast<long>(at + piece)));
+        vigil_test::Bytes read(stream.begin() + static_cast<long>(at),
+                               stream.begin() + static_cast<long>(at + piece));
+        Vigil::ReceiveBytes(*shadow, read.data(), static_cast<uint32_t>(read.size()),
+                            [&](const uint8_t*, uint32_t) { ++cut; });
+        client.feed(read);
     }
+    if (messages != nullptr) *messages = cut;
     return client.take();
 }
 

@@ -1,6 +1,7 @@
 // The byte stream of one client through reassembly, dispatch and every handler, against the
-// service's real tables on a scratch data folder. Besides the sanitizers, each reply must be a
-// reply or an Error that carries exactly one readable reason.
+// service's real tables on a scratch data folder. Besides the sanitizers, every message cut from
+// the stream gets exactly one answer (dispatch never stays silent while its tables exist), and
+// each is a reply or an Error that carries exactly one readable reason.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -15,7 +16,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace Vigil::Protocol;
-    for (const vigil_test::Reply& reply : vigil_fuzz::DriveOneClient(data, size)) {
+    size_t messages = 0;
+    const std::vector<vigil_test::Reply> replies = vigil_fuzz::DriveOneClient(data, size, &messages);
+    if (replies.size() != messages) {
+        std::fprintf(stderr, "%zu messages got %zu answers\n", messages, replies.size());
+        std::abort();
+    }
+    for (const vigil_test::Reply& reply : replies) {
         if (reply.raw.size() != kHeaderBytes + reply.body.size() ||
             reply.header.bodyLength != reply.body.size()) {
             std::fprintf(stderr, "reply %08x: length field disagrees with the bytes sent\n",
