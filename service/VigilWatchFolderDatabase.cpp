@@ -20,7 +20,9 @@ void Database::open(const std::u16string& dataFolder) {
     thread_ = std::make_unique<Thread>(*this);
     thread_->begin();
     opened_ = true;
-    // Runs with the lock held: the callbacks are this object's locked variants.
+    // Runs with the lock held: the callbacks are this object's locked variants. load calls them
+    // before it returns, so they run under mutex_ too, which the analysis cannot see through a
+    // lambda: it is told not to look at the two.
     cache_.load([this](const Guid& guid, const WatchedFolder& folder)
                     OSB_NO_THREAD_SAFETY_ANALYSIS { addFoldersLocked(guid, {folder}); },
                 [this]() OSB_NO_THREAD_SAFETY_ANALYSIS { save(); });
