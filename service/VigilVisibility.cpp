@@ -28,10 +28,9 @@ void Visibility::keepVisible(std::vector<Watch::WatchedFolder>& folders) {
     std::erase_if(folders, [&](const Watch::WatchedFolder& f) { return !decided_[f.path]; });
 }
 
-std::unordered_set<std::u16string_view> Visibility::visibleDirectories(
+std::unordered_set<std::u16string> Visibility::visibleDirectories(
     const std::u16string& folder, const std::vector<std::u16string>& directories) {
-    std::unordered_set<std::u16string_view> visible;
-    visible.reserve(directories.size());
+    std::unordered_set<std::u16string> visible;
     if (!access_) {
         visible.insert(directories.begin(), directories.end());
         return visible;
@@ -55,9 +54,9 @@ void Visibility::keepSendable(const std::u16string& folder, std::vector<std::u16
             directories.emplace_back(Watch::DirectoryOf(name));
         }
     }
-    const std::unordered_set<std::u16string_view> visible = visibleDirectories(folder, directories);
+    const std::unordered_set<std::u16string> visible = visibleDirectories(folder, directories);
     std::erase_if(names, [&](const std::u16string& name) {
-        return visible.count(Watch::DirectoryOf(name)) == 0;
+        return visible.count(std::u16string(Watch::DirectoryOf(name))) == 0;
     });
 }
 

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -41,8 +40,8 @@ class Visibility {
     // Drops the folders the client may not list; the others keep their order.
     void keepVisible(std::vector<Watch::WatchedFolder>& folders);
     // The members of `directories` (relative to `folder`, as DirectoryOf gives them) that the
-    // client may list, as views into `directories`: valid while it is left unchanged.
-    std::unordered_set<std::u16string_view> visibleDirectories(
+    // client may list.
+    std::unordered_set<std::u16string> visibleDirectories(
         const std::u16string& folder, const std::vector<std::u16string>& directories);
     // Drops the names of `folder` whose directory the client may not list.
     void keepSendable(const std::u16string& folder, std::vector<std::u16string>& names);

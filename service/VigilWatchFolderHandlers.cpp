@@ -54,7 +54,7 @@ void CollectChanges(Watch::Database& database, const Watch::Guid& guid,
     std::vector<std::u16string> directories;
     database.pendingDirectories(guid, folder, directories);
     if (directories.empty()) return;
-    const std::unordered_set<std::u16string_view> visible =
+    const std::unordered_set<std::u16string> visible =
         visibility.visibleDirectories(folder, directories);
     database.getChanges(guid, folder, names, clear, [&](const std::u16string& directory) {
         return visible.count(directory) != 0;
