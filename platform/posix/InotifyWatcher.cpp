@@ -180,7 +180,6 @@ void Watcher::wake() {
     (void)ignored;
 }
 
-
 void Watcher::stepAside() {
     // Bounded: a caller that is slow to be scheduled costs the walk 2 ms at most.
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(2);
