@@ -114,6 +114,9 @@ const char* WindowsText(uint32_t code) {
                    "fashion.";
         case Err::kServiceAlreadyRunning:
             return "An instance of the service is already running.";
+        case Err::kInvalidServiceAccount:
+            return "The account name is invalid or does not exist, or the password is invalid for "
+                   "the account name specified.";
         case Err::kServiceDisabled:
             return "The service cannot be started, either because it is disabled or because it has "
                    "no enabled devices associated with it.";
@@ -125,12 +128,18 @@ const char* WindowsText(uint32_t code) {
             return "The service has not been started.";
         case Err::kFailedServiceControllerConnect:
             return "The service process could not connect to the service controller.";
+        case Err::kExceptionInService:
+            return "An exception occurred in the service when handling the control request.";
         case Err::kProcessAborted:
             return "The process terminated unexpectedly.";
+        case Err::kServiceDependencyFail:
+            return "The dependency service or group failed to start.";
         case Err::kServiceMarkedForDelete:
             return "The specified service has been marked for deletion.";
         case Err::kServiceExists:
             return "The specified service already exists.";
+        case Err::kServiceDependencyDeleted:
+            return "The dependency service does not exist or has been marked for deletion.";
         case Err::kIoDevice:
             return "The request could not be performed because of an I/O device error.";
         case Err::kTimeout:

@@ -1,5 +1,7 @@
 // The manager's side of the service manager: records in ROOT/etc/orvanta/services, processes
-// started detached, and controls and queries through each running service's endpoint.
+// started detached, and controls and queries through each running service's endpoint; or, when
+// systemd manages the services, units and systemd jobs (SystemdManager.h). The choice is made when
+// the manager is opened and holds for every handle opened through it.
 #include "platform/ServiceControl.h"
 
 #include <poll.h>
@@ -9,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <set>
+#include <vector>
 
 #include "platform/ErrorCode.h"
 #include "platform/Mutex.h"
@@ -17,12 +20,14 @@
 #include "platform/posix/ServiceFiles.h"
 #include "platform/posix/ServiceLauncher.h"
 #include "platform/posix/ServiceLockWait.h"
+#include "platform/posix/SystemdManager.h"
 
 namespace Osb {
 
 struct ServiceHandleTag {
     bool manager;
     std::string name;  // UTF-8; empty for the manager
+    bool systemd;      // systemd manages the services, not the program's own manager
 };
 
 namespace {
@@ -44,23 +49,27 @@ constexpr uint32_t kManagerReadAccess = 0x0001 | 0x0004 | 0x0010 | 0x20000;
 Mutex handlesMutex;
 std::set<SC_HANDLE> liveHandles OSB_GUARDED_BY(handlesMutex);
 
-SC_HANDLE NewHandle(bool manager, std::string name) {
-    auto* handle = new ServiceHandleTag{manager, std::move(name)};
+SC_HANDLE NewHandle(bool manager, std::string name, bool systemd) {
+    auto* handle = new ServiceHandleTag{manager, std::move(name), systemd};
     MutexLock lock(handlesMutex);
     liveHandles.insert(handle);
     return handle;
 }
 
-// The service named by `handle`, or false with 6 as the last error.
-bool ServiceName(SC_HANDLE handle, bool wantManager, std::string& name) {
+// The service named by `handle` and whether systemd manages it, or false with 6 as the last error.
+bool ServiceName(SC_HANDLE handle, bool wantManager, std::string& name, bool* systemd = nullptr) {
     MutexLock lock(handlesMutex);
     if (liveHandles.count(handle) == 0 || handle->manager != wantManager) {
         SetLastError(Err::kInvalidHandle);
         return false;
     }
     name = handle->name;
+    if (systemd != nullptr) *systemd = handle->systemd;
     return true;
 }
+
+// True when a systemd call returned 0; its code is the last error otherwise.
+bool Done(uint32_t code) { return code == Err::kSuccess; }
 
 template <typename T>
 T Fail(uint32_t code, T value) {
@@ -74,14 +83,23 @@ std::string Text(const char16_t* text) {
     return text == nullptr ? std::string() : Utf16ToUtf8(std::u16string_view(text));
 }
 
-// A list of zero-ended names, ended by one more zero, as names joined by '/'.
-std::string DependencyList(const char16_t* list) {
-    std::string joined;
+// The names of a list of zero-ended names, ended by one more zero.
+std::vector<std::string> Dependencies(const char16_t* list) {
+    std::vector<std::string> names;
     while (list != nullptr && *list != u'\0') {
         const std::u16string_view entry(list);
-        if (!joined.empty()) joined += '/';
-        joined += Utf16ToUtf8(entry);
+        names.push_back(Utf16ToUtf8(entry));
         list += entry.size() + 1;
+    }
+    return names;
+}
+
+// The names joined by '/', as the record keeps them.
+std::string DependencyList(const char16_t* list) {
+    std::string joined;
+    for (const std::string& name : Dependencies(list)) {
+        if (!joined.empty()) joined += '/';
+        joined += name;
     }
     return joined;
 }
@@ -148,6 +166,13 @@ void Scm::SetAnswerTimeoutForTesting(int ms) { answerMs = ms; }
 
 SC_HANDLE OpenSCManagerW(const char16_t* machine, const char16_t* database, uint32_t access) {
     if (!Empty(machine) || !Empty(database)) return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
+    const bool systemd = Scm::Systemd::Manages();
+    if (systemd) {
+        if ((access & ~kManagerReadAccess) != 0 && Scm::Systemd::CheckWritable() != Err::kSuccess) {
+            return nullptr;
+        }
+        return NewHandle(true, std::string(), true);
+    }
     if ((access & ~kManagerReadAccess) != 0) {
         const std::string folder = Scm::ServicesFolder();
         if (const uint32_t code = Scm::CreatePrivateFolder(folder); code != Err::kSuccess) {
@@ -157,21 +182,25 @@ SC_HANDLE OpenSCManagerW(const char16_t* machine, const char16_t* database, uint
             return Fail<SC_HANDLE>(SetLastErrorFromErrno(errno, folder.c_str()), nullptr);
         }
     }
-    return NewHandle(true, std::string());
+    return NewHandle(true, std::string(), false);
 }
 
 SC_HANDLE OpenServiceW(SC_HANDLE manager, const char16_t* name, uint32_t) {
     std::string unused;
-    if (!ServiceName(manager, true, unused)) return nullptr;
+    bool systemd = false;
+    if (!ServiceName(manager, true, unused, &systemd)) return nullptr;
     if (name == nullptr || !Scm::ValidServiceName(name)) {
         return Fail<SC_HANDLE>(Err::kInvalidName, nullptr);
     }
     const std::string service = Utf16ToUtf8(std::u16string_view(name));
+    if (systemd) {
+        return Done(Scm::Systemd::Find(service)) ? NewHandle(false, service, true) : nullptr;
+    }
     Scm::FinishPendingDeletion(service);
     if (::access(Scm::RecordPath(service).c_str(), F_OK) != 0) {
         return Fail<SC_HANDLE>(Err::kServiceDoesNotExist, nullptr);
     }
-    return NewHandle(false, service);
+    return NewHandle(false, service, false);
 }
 
 SC_HANDLE CreateServiceW(SC_HANDLE manager, const char16_t* name, const char16_t* displayName,
@@ -180,7 +209,8 @@ SC_HANDLE CreateServiceW(SC_HANDLE manager, const char16_t* name, const char16_t
                          uint32_t* tagId, const char16_t* dependencies, const char16_t* account,
                          const char16_t*) {
     std::string unused;
-    if (!ServiceName(manager, true, unused)) return nullptr;
+    bool systemd = false;
+    if (!ServiceName(manager, true, unused, &systemd)) return nullptr;
     if (name == nullptr || !Scm::ValidServiceName(name)) {
         return Fail<SC_HANDLE>(Err::kInvalidName, nullptr);
     }
@@ -190,6 +220,18 @@ SC_HANDLE CreateServiceW(SC_HANDLE manager, const char16_t* name, const char16_t
         return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
     }
     const std::string service = Utf16ToUtf8(std::u16string_view(name));
+    if (systemd) {
+        Scm::UnitSettings unit;
+        unit.displayName = Empty(displayName) ? service : Text(displayName);
+        unit.binaryPath = Text(binaryPath);
+        unit.user = Scm::UnitUser(Text(account));
+        unit.dependencies = Dependencies(dependencies);
+        unit.autoStart = startType == SERVICE_AUTO_START;
+        unit.systemRoot = SystemRoot().empty() ? "/" : SystemRoot();
+        if (!Done(Scm::Systemd::Install(service, unit))) return nullptr;
+        if (tagId != nullptr) *tagId = 0;
+        return NewHandle(false, service, true);
+    }
     Scm::FinishPendingDeletion(service);
     if (::access(Scm::DeleteMarkPath(service).c_str(), F_OK) == 0) {
         return Fail<SC_HANDLE>(Err::kServiceMarkedForDelete, nullptr);
@@ -203,16 +245,21 @@ SC_HANDLE CreateServiceW(SC_HANDLE manager, const char16_t* name, const char16_t
     record.dependencies = DependencyList(dependencies);
     if (Scm::WriteRecord(service, record, true) != Err::kSuccess) return nullptr;
     if (tagId != nullptr) *tagId = 0;
-    return NewHandle(false, service);
+    return NewHandle(false, service, false);
 }
 
 bool ChangeServiceConfig2W(SC_HANDLE service, uint32_t infoLevel, void* info) {
     std::string name;
-    if (!ServiceName(service, false, name)) return false;
+    bool systemd = false;
+    if (!ServiceName(service, false, name, &systemd)) return false;
     if (infoLevel != SERVICE_CONFIG_DESCRIPTION || info == nullptr) {
         return Fail(Err::kInvalidParameter, false);
     }
     const auto* description = static_cast<const SERVICE_DESCRIPTIONW*>(info);
+    if (systemd) {
+        return description->lpDescription == nullptr ||
+               Done(Scm::Systemd::SetDescription(name, Text(description->lpDescription)));
+    }
     if (::access(Scm::DeleteMarkPath(name).c_str(), F_OK) == 0) {
         return Fail(Err::kServiceMarkedForDelete, false);
     }
@@ -225,7 +272,9 @@ bool ChangeServiceConfig2W(SC_HANDLE service, uint32_t infoLevel, void* info) {
 
 bool DeleteService(SC_HANDLE service) {
     std::string name;
-    if (!ServiceName(service, false, name)) return false;
+    bool systemd = false;
+    if (!ServiceName(service, false, name, &systemd)) return false;
+    if (systemd) return Done(Scm::Systemd::Remove(name));
     const std::string record = Scm::RecordPath(name);
     const std::string mark = Scm::DeleteMarkPath(name);
     if (::access(record.c_str(), F_OK) != 0) return Fail(Err::kServiceDoesNotExist, false);
@@ -256,8 +305,10 @@ bool CloseServiceHandle(SC_HANDLE handle) {
 
 bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t**) {
     std::string name;
-    if (!ServiceName(service, false, name)) return false;
+    bool systemd = false;
+    if (!ServiceName(service, false, name, &systemd)) return false;
     if (argc != 0) return Fail(Err::kInvalidParameter, false);
+    if (systemd) return Done(Scm::Systemd::Start(name, answerMs.load()));
     Scm::ServiceRecord record;
     if (Scm::ReadRecord(name, record) != Err::kSuccess) return false;
     if (::access(Scm::DeleteMarkPath(name).c_str(), F_OK) == 0) {
@@ -282,10 +333,20 @@ bool StartServiceW(SC_HANDLE service, uint32_t argc, const char16_t**) {
 
 bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status) {
     std::string name;
-    if (!ServiceName(service, false, name)) return false;
+    bool systemd = false;
+    if (!ServiceName(service, false, name, &systemd)) return false;
     if (status == nullptr) return Fail(Err::kInvalidParameter, false);
     // Shutdown comes from the system only, never from a caller.
     if (control == SERVICE_CONTROL_SHUTDOWN) return Fail(Err::kInvalidParameter, false);
+    if (systemd) {
+        // A stop is systemd's job; every other control goes to the running service's endpoint,
+        // as under the own manager, once systemd says it runs.
+        if (control == SERVICE_CONTROL_STOP) {
+            return Done(Scm::Systemd::Stop(name, answerMs.load(), *status));
+        }
+        if (!Done(Scm::Systemd::Query(name, answerMs.load(), *status))) return false;
+        if (status->dwCurrentState == SERVICE_STOPPED) return Fail(Err::kServiceNotActive, false);
+    }
     Scm::EndpointReply reply = {};
     const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpControl, control}, reply, answerMs.load());
     if (code != Err::kSuccess) return false;
@@ -296,8 +357,10 @@ bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status)
 
 bool QueryServiceStatus(SC_HANDLE service, SERVICE_STATUS* status) {
     std::string name;
-    if (!ServiceName(service, false, name)) return false;
+    bool systemd = false;
+    if (!ServiceName(service, false, name, &systemd)) return false;
     if (status == nullptr) return Fail(Err::kInvalidParameter, false);
+    if (systemd) return Done(Scm::Systemd::Query(name, answerMs.load(), *status));
     return Query(name, *status);
 }
 
