@@ -154,6 +154,8 @@ TEST_F(SystemdE2eTest, ThePackageInstallsRunsAndRemovesTheService) {
     const std::string deb = Run("ls " + ShellWord(kBuildInside) + "/*.deb 2>/dev/null | head -n 1").output;
     if (deb.empty()) GTEST_SKIP() << "no package in the build folder (cpack -G DEB makes it)";
     const std::string package = deb.substr(0, deb.size() - 1);
+    // A container image's policy-rc.d forbids starting services from packages; a machine has none.
+    ASSERT_EQ(Run("rm -f /usr/sbin/policy-rc.d").exitStatus, 0);
     const CommandResult installed = Run("dpkg -i " + ShellWord(package));
     ASSERT_EQ(installed.exitStatus, 0) << installed.output;
     EXPECT_EQ(State(), "active\n");
