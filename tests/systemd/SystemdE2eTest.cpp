@@ -78,6 +78,27 @@ TEST_F(SystemdE2eTest, BadInstallsFailWithTheirCodeAndLeaveNothing) {
     EXPECT_NE(Run("test -e " + kUnitFile).exitStatus, 0);
 }
 
+TEST_F(SystemdE2eTest, AnAccountAndDependenciesBecomeUserAndRequires) {
+    const CommandResult installed = Agent("/INSTALL /ACCOUNT daemon /DOMAIN HOST /DEPENDENCIES dbus");
+    ASSERT_EQ(installed.exitStatus, 0) << installed.output;
+    const std::string unit = Run("cat " + kUnitFile).output;
+    EXPECT_NE(unit.find("\nUser=daemon\n"), std::string::npos) << unit;
+    EXPECT_NE(unit.find("\nRequires=dbus.service\nAfter=dbus.service\n"), std::string::npos) << unit;
+    EXPECT_EQ(unit.find("[Install]"), std::string::npos) << unit;  // no /AUTOSTART
+    const CommandResult verified = Run("systemd-analyze verify " + kUnitFile);
+    EXPECT_EQ(verified.exitStatus, 0) << verified.output;
+    // It runs as that user, with its run and data folders made for it.
+    const CommandResult started = Agent("/START");
+    EXPECT_EQ(started.exitStatus, 0) << started.output
+                                     << Run("journalctl --no-pager -n 20 -u " + kUnit).output;
+    EXPECT_EQ(Run("ps -o user= -p $(systemctl show -p MainPID --value " + kUnit + ")").output,
+              "daemon\n");
+    const CommandResult removed = Agent("/UNINSTALL");
+    EXPECT_EQ(removed.exitStatus, 0) << removed.output;
+    EXPECT_NE(Run("test -e " + kUnitFile).exitStatus, 0);
+    EXPECT_EQ(State(), "inactive\n");
+}
+
 TEST_F(SystemdE2eTest, InstallWritesAUnitSystemdAcceptsAndEnables) {
     const CommandResult installed = Agent("/INSTALL /AUTOSTART");
     ASSERT_EQ(installed.exitStatus, 0) << installed.output;
