@@ -92,18 +92,20 @@ bool NspawnContainer::boot(std::string& why) {
     // The container's init is the process named systemd below nspawn; it may take a moment to
     // appear, and systemd a moment more to reach its default target.
     const auto deadline = Clock::now() + std::chrono::seconds(60);
+    std::string state;
     while (Clock::now() < deadline) {
-        if (init_ < 0) {
+        if (init_ <= 0) {
             // timeout's child is nspawn (unshare and sh exec it), whose child is the init.
             const std::string t = std::to_string(nspawn_);
             const std::string found =
-                Capture("for n in $(cat /proc/" + t + "/task/" + t + "/children); do "
+                Capture("{ for n in $(cat /proc/" + t + "/task/" + t + "/children); do "
                         "for c in $(cat /proc/$n/task/$n/children); do "
-                        "[ \"$(cat /proc/$c/comm)\" = systemd ] && echo $c; done; done").output;
+                        "[ \"$(cat /proc/$c/comm)\" = systemd ] && echo $c; done; done; } "
+                        "2>/dev/null").output;
             if (!found.empty()) init_ = std::atoi(found.c_str());
         }
         if (init_ > 0) {
-            const std::string state = run("systemctl is-system-running").output;
+            state = run("systemctl is-system-running").output;
             if (state.rfind("running", 0) == 0 || state.rfind("degraded", 0) == 0) return true;
         }
         int status = 0;
@@ -114,7 +116,9 @@ bool NspawnContainer::boot(std::string& why) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    why = "systemd in the container did not reach a running state within 60 s";
+    why = "systemd in the container did not reach a running state within 60 s (init " +
+          std::to_string(init_) + ", state: " + state + "); " +
+          Capture("tail -n 5 " + scratch_ + ".log").output;
     return false;
 }
 
