@@ -19,10 +19,16 @@ std::string OwnerText(uint32_t owner) {
 }  // namespace
 
 uint32_t PendingShare::keyOf(const std::u16string& folder) {
+    uint32_t key = 0;
+    return keyOf(folder, key) ? key : 0;
+}
+
+bool PendingShare::keyOf(const std::u16string& folder, uint32_t& key) {
     uint32_t owner = 0;
     bool openToOthers = false;
-    if (!Osb::GetFolderOwner(folder, owner, &openToOthers)) return 0;
-    return !Osb::IsLimitedOwner(owner) && openToOthers ? kOpenFolders : owner;
+    if (!Osb::GetFolderOwner(folder, owner, &openToOthers)) return false;
+    key = !Osb::IsLimitedOwner(owner) && openToOthers ? kOpenFolders : owner;
+    return true;
 }
 
 size_t PendingShare::cost(const std::vector<std::u16string>& names) {
@@ -35,25 +41,29 @@ size_t PendingShare::admit(uint32_t owner, const std::u16string& folder,
                            std::vector<std::u16string>& names) {
     Usage& usage = owners_[owner];
     const size_t before = usage.bytes;
-    size_t dropped = 0;
-    std::erase_if(names, [&](const std::u16string& name) {
-        const size_t bytes = cost(name);
-        if (usage.bytes + bytes <= bound_) {
-            usage.bytes += bytes;
-            return false;
-        }
-        if (!usage.full) {
-            usage.full = true;
-            std::fprintf(stderr,
-                         "pending names of %s reached their bound of %zu bytes at %s: further "
-                         "names are dropped\n",
-                         OwnerText(owner).c_str(), bound_, Osb::Utf16ToUtf8(folder).c_str());
-        }
-        ++dropped;
-        return true;
-    });
-    dropped_ += dropped;
+    std::erase_if(names, [&](const std::u16string& name) { return !admit(usage, owner, folder, cost(name)); });
     return usage.bytes - before;
+}
+
+bool PendingShare::admitOne(uint32_t owner, const std::u16string& folder, size_t bytes) {
+    return admit(owners_[owner], owner, folder, bytes);
+}
+
+bool PendingShare::admit(Usage& usage, uint32_t owner, const std::u16string& folder,
+                         size_t bytes) {
+    if (usage.bytes + bytes <= bound_) {
+        usage.bytes += bytes;
+        return true;
+    }
+    if (!usage.full) {
+        usage.full = true;
+        std::fprintf(stderr,
+                     "pending names of %s reached their bound of %zu bytes at %s: further "
+                     "names are dropped\n",
+                     OwnerText(owner).c_str(), bound_, Osb::Utf16ToUtf8(folder).c_str());
+    }
+    ++dropped_;
+    return false;
 }
 
 void PendingShare::release(uint32_t owner, const std::u16string& folder, size_t bytes) {

@@ -33,6 +33,8 @@ class PendingShare {
     // The key the names of `folder` count against: kOpenFolders, or its owner (0, root's, when it
     // cannot be looked at: its watch is about to end anyway).
     static uint32_t keyOf(const std::u16string& folder);
+    // The same, false when `folder` cannot be looked at (gone already, say).
+    static bool keyOf(const std::u16string& folder, uint32_t& key);
 
     static size_t cost(const std::u16string& name) {
         return kEntryOverhead + name.size() * sizeof(char16_t);
@@ -42,6 +44,9 @@ class PendingShare {
     // Keeps in `names` those that fit in `owner`'s bound, in their order, and counts the others
     // as dropped; returns the bytes kept. Logs once when the owner reaches the bound.
     size_t admit(uint32_t owner, const std::u16string& folder, std::vector<std::u16string>& names);
+    // Counts one name of `bytes` against `owner`'s bound: false, the name dropped and counted,
+    // when it does not fit. Logs like admit.
+    bool admitOne(uint32_t owner, const std::u16string& folder, size_t bytes);
     // Gives back `bytes` of `owner`'s; logs once when an owner at the bound is under it again.
     void release(uint32_t owner, const std::u16string& folder, size_t bytes);
     // Whether `owner` has reached the bound and is not yet back under it.
@@ -56,6 +61,8 @@ class PendingShare {
         size_t bytes = 0;
         bool full = false;  // names were dropped; cleared once under three quarters of the bound
     };
+    bool admit(Usage& usage, uint32_t owner, const std::u16string& folder, size_t bytes);
+
     size_t bound_ = kBytesPerOwner;
     size_t dropped_ = 0;
     std::unordered_map<uint32_t, Usage> owners_;

@@ -217,6 +217,7 @@ void Database::getChanges(const Guid& guid, const std::u16string& folder,
         }
         list = std::move(kept);
         if (record.bytes != 0) recountLocked(record, PendingShare::cost(list));
+        recountDirectoriesLocked(record);
         if (list.empty()) {
             record.directories.clear();
             if (record.gone) pending_.erase(it);
@@ -253,14 +254,38 @@ void Database::addChanges(const Guid& guid, const std::u16string& folder,
 }
 
 void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
-                                std::vector<std::u16string>&& names, uint32_t owner) {
-    // Root's and the service user's folders pay no more than this test per batch.
+                                std::vector<std::u16string>&& names, uint32_t owner,
+                                const std::vector<uint32_t>& keys) {
+    // Root's and the service user's folders pay no more than this test per batch, unless their
+    // subtree holds directories of limited owners (keys).
     size_t admitted = 0;
     const bool limited = owner != 0 && Osb::IsLimitedOwner(owner);
+    // (name's index after admission, bound) for each name counted against a directory's bound
+    std::vector<std::pair<size_t, uint32_t>> charges;
     if (limited) {
         admitted = shares_.admit(owner, folder, names);
         if (names.empty()) return;
+    } else if (keys.size() == names.size()) {
+        size_t kept = 0;
+        for (size_t i = 0; i < names.size(); ++i) {
+            const uint32_t key = keys[i];
+            if (key != 0 && Osb::IsLimitedOwner(key)) {
+                if (!shares_.admitOne(key, folder, PendingShare::cost(names[i]))) continue;
+                charges.push_back({kept, key});
+            }
+            if (kept != i) names[kept] = std::move(names[i]);
+            ++kept;
+        }
+        names.resize(kept);
+        if (names.empty()) return;
     }
+    // Counts the admitted names of directories with a bound on `record`; before the names move.
+    auto charge = [&](PendingRecord& record) {
+        for (const auto& [index, key] : charges) {
+            record.charged[key] += PendingShare::cost(names[index]);
+            record.directoryKeys.insert_or_assign(std::u16string(DirectoryOf(names[index])), key);
+        }
+    };
     auto [first, last] = pending_.equal_range(guid);
     for (auto it = first; it != last; ++it) {
         if (it->second.folder != folder) continue;
@@ -271,6 +296,7 @@ void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
             it->second.owner = owner;
             it->second.bytes += admitted;
         }
+        charge(it->second);
         std::vector<std::u16string>& list = it->second.names;
         if (it->second.filed) fileDirectories(it->second, names.begin(), names.end());
         if (list.empty()) {
@@ -284,6 +310,7 @@ void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
     // Behind the client's other records: a multimap inserts equal keys at the end of their range.
     PendingRecord record;
     record.folder = folder;
+    charge(record);
     record.names = std::move(names);
     record.owner = owner;
     record.bytes = admitted;
@@ -291,9 +318,10 @@ void Database::addChangesLocked(const Guid& guid, const std::u16string& folder,
 }
 
 void Database::addWatchChanges(const Guid& guid, const std::u16string& folder,
-                               std::vector<std::u16string>&& names, uint32_t owner) {
+                               std::vector<std::u16string>&& names, uint32_t owner,
+                               const std::vector<uint32_t>& keys) {
     Osb::MutexLock lock(mutex_);
-    if (hasFolderLocked(guid, folder)) addChangesLocked(guid, folder, std::move(names), owner);
+    if (hasFolderLocked(guid, folder)) addChangesLocked(guid, folder, std::move(names), owner, keys);
 }
 
 void Database::removeChanges(const Guid& guid, const std::u16string& folder,
@@ -318,6 +346,7 @@ void Database::removeChanges(const Guid& guid, const std::u16string& folder,
             });
         }
         if (it->second.bytes != 0) recountLocked(it->second, PendingShare::cost(list));
+        recountDirectoriesLocked(it->second);
         if (list.empty()) pending_.erase(it);
         return;
     }

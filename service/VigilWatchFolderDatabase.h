@@ -35,15 +35,6 @@ namespace Vigil::Watch {
 
 class Thread;
 
-// A set of directory names that can be searched by a view, without making a string.
-struct DirectoryHash {
-    using is_transparent = void;
-    size_t operator()(std::u16string_view text) const {
-        return std::hash<std::u16string_view>{}(text);
-    }
-};
-using DirectorySet = std::unordered_set<std::u16string, DirectoryHash, std::equal_to<>>;
-
 struct PendingRecord {
     std::u16string folder;              // the watched folder's path
     std::vector<std::u16string> names;  // relative to it; repeats allowed
@@ -60,6 +51,13 @@ struct PendingRecord {
     // bound (PendingShare; 0 for the owners without one).
     uint32_t owner = 0;
     size_t bytes = 0;
+    // A subtree of an owner without a bound (root's /home, say) holds directories of owners with
+    // one: the names made there count against the bound of the directory that holds them (a
+    // user's storm in their own directory fills their own bound), `charged` holds the bytes
+    // counted per bound, and `directoryKeys` which bound each such directory's names count
+    // against, so that a removal gives back to the right one.
+    std::unordered_map<uint32_t, size_t> charged;
+    DirectoryMap<uint32_t> directoryKeys;
 };
 
 class Database {
@@ -132,8 +130,11 @@ class Database {
     // the folder, so that a batch that was on its way while the folder was removed leaves no
     // names behind to reappear for a later folder of the same path.
     // `owner` owns the folder (found when its watch began): names past its bound are dropped.
+    // `keys`, empty or one per name, is the bound each name counts against instead, for a folder
+    // whose owner has none (PendingRecord::charged).
     void addWatchChanges(const Guid& guid, const std::u16string& folder,
-                         std::vector<std::u16string>&& names, uint32_t owner = 0);
+                         std::vector<std::u16string>&& names, uint32_t owner = 0,
+                         const std::vector<uint32_t>& keys = {});
     // Whether folders of `owner` can take nothing more: its pending names at their bound, or its
     // share of kernel watches all held. Never for root or the service's user.
     bool ownerShareReached(uint32_t owner);
@@ -168,10 +169,13 @@ class Database {
                              bool keepNames) OSB_REQUIRES(mutex_);
     bool hasFolderLocked(const Guid& guid, const std::u16string& path) OSB_REQUIRES(mutex_);
     void addChangesLocked(const Guid& guid, const std::u16string& folder,
-                          std::vector<std::u16string>&& names, uint32_t owner = 0)
-        OSB_REQUIRES(mutex_);
-    // Sets the bytes the record's names are counted for, giving back the difference.
+                          std::vector<std::u16string>&& names, uint32_t owner = 0,
+                          const std::vector<uint32_t>& keys = {}) OSB_REQUIRES(mutex_);
+    // Sets the bytes the record's names are counted for, giving back the difference; 0 gives back
+    // everything, the directories' charges too.
     void recountLocked(PendingRecord& record, size_t bytes) OSB_REQUIRES(mutex_);
+    // After names came off the record: what its directories' charges are now, the rest given back.
+    void recountDirectoriesLocked(PendingRecord& record) OSB_REQUIRES(mutex_);
     // Adds the directories of the names in [first, last) to the record's. REQUIRES: the lock.
     static void fileDirectories(PendingRecord& record,
                                 std::vector<std::u16string>::const_iterator first,

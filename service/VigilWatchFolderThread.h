@@ -46,6 +46,9 @@ struct ReadRecord {
     Guid guid;
     std::u16string path;
     uint32_t owner = 0;  // PendingShare::keyOf the folder when the watch began
+    // For a subtree watch of a folder whose owner has no bound: PendingShare::keyOf of the
+    // directories below it that names came from, looked up once each (DirectoryKeys).
+    DirectoryMap<uint32_t> directoryKeys;
     alignas(4) uint8_t buffer[kBufferBytes];
     uint8_t watchSubtree = 0;
     uint8_t reportChanged = 0;

@@ -33,6 +33,45 @@ void Guarded(const ReadRecord& record, const char* what, Call call) {
     }
 }
 
+// How many directories' keys a watch remembers; past it they are looked up afresh.
+constexpr size_t kRememberedDirectories = 4096;
+
+// The key of `directory` (relative to the watched folder), remembered in the record: a directory
+// that is gone already (made, filled and removed within one batch) has its parent's, so that
+// removing it is no way around the bound.
+uint32_t DirectoryKey(ReadRecord& record, std::u16string_view directory) {
+    if (directory.empty()) return record.owner;
+    auto known = record.directoryKeys.find(directory);
+    if (known != record.directoryKeys.end()) return known->second;
+    std::u16string path = record.path;
+    path.append(directory);
+    path.push_back(u'/');
+    uint32_t key = 0;
+    if (!PendingShare::keyOf(path, key)) key = DirectoryKey(record, DirectoryOf(directory));
+    if (record.directoryKeys.size() >= kRememberedDirectories) record.directoryKeys.clear();
+    record.directoryKeys.emplace(std::u16string(directory), key);
+    return key;
+}
+
+// The bound each name counts against, for a subtree watch of a folder whose owner has none (root's
+// /home, say): that of the directory holding it (PendingShare::keyOf), so that a user's storm in
+// their own directory below fills their own bound and no other. Empty when every name counts as
+// the folder's, which is the rule for every other watch. A directory is looked at once, when its
+// first name comes; one that changes owner later keeps its first key while remembered.
+std::vector<uint32_t> DirectoryKeys(ReadRecord& record, const std::vector<std::u16string>& names) {
+    std::vector<uint32_t> keys;
+    if (record.owner != 0 || record.watchSubtree == 0) return keys;
+    bool any = false;
+    keys.reserve(names.size());
+    for (const std::u16string& name : names) {
+        const uint32_t key = DirectoryKey(record, DirectoryOf(name));
+        any = any || key != 0;
+        keys.push_back(key);
+    }
+    if (!any) keys.clear();
+    return keys;
+}
+
 }  // namespace
 
 std::vector<NamedChange> DecodeNotifyBuffer(const uint8_t* buffer, uint32_t bytes,
@@ -99,8 +138,9 @@ void onChanges(uint32_t errorCode, uint32_t bytes, Osb::DirectoryOverlapped* ove
     // of a folder that drops removed names.
     if (!batch.added.empty()) {
         Guarded(*record, "adding changes", [&] {
+            const std::vector<uint32_t> keys = DirectoryKeys(*record, batch.added);
             database.addWatchChanges(record->guid, record->path, std::move(batch.added),
-                                     record->owner);
+                                     record->owner, keys);
         });
     }
     if (!batch.dropped.empty()) {

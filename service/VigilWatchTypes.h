@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace Vigil::Watch {
 
@@ -43,5 +45,16 @@ inline std::u16string_view DirectoryOf(std::u16string_view name) {
     const size_t slash = name.rfind(u'/');
     return slash == std::u16string_view::npos ? std::u16string_view() : name.substr(0, slash);
 }
+
+// Sets and maps of directory names that can be searched by a view, without making a string.
+struct DirectoryHash {
+    using is_transparent = void;
+    size_t operator()(std::u16string_view text) const {
+        return std::hash<std::u16string_view>{}(text);
+    }
+};
+using DirectorySet = std::unordered_set<std::u16string, DirectoryHash, std::equal_to<>>;
+template <typename Value>
+using DirectoryMap = std::unordered_map<std::u16string, Value, DirectoryHash, std::equal_to<>>;
 
 }  // namespace Vigil::Watch

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -13,6 +15,7 @@
 #include "platform/Utf.h"
 #include "service/VigilPendingShare.h"
 #include "service/VigilWatchFolderDatabase.h"
+#include "tests/support/PollUntil.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace {
@@ -147,6 +150,96 @@ TEST(PendingShareTest, FoldersOpenToEveryUserShareOneBound) {
     }
     EXPECT_EQ(PendingShare::keyOf(Osb::Utf8ToUtf16(root / "missing/")), 0u);
     EXPECT_TRUE(Osb::IsLimitedOwner(PendingShare::kOpenFolders));
+}
+
+// A folder of root's watched with its subtree (/home) holds directories of limited users: the names
+// made there count against the bound of the directory's owner, whoever's folder it is, and each way
+// of collecting them gives back to that owner exactly; root's own names stay unbounded.
+TEST(PendingShareTest, NamesInAUsersDirectoryBelowRootsFolderCountAgainstThatUser) {
+    struct Case {
+        const char* name;
+        std::function<void(Database&, const std::u16string& folder)> collect;
+    };
+    const Case cases[] = {
+        {"getChanges with clear",
+         [](Database& d, const std::u16string& f) {
+             Names names;
+             d.getChanges(kOne, f, names, true);
+         }},
+        {"removeChanges, one directory at a time",
+         [](Database& d, const std::u16string& f) {
+             d.removeChanges(kOne, f, {u"u/n10", u"u/n11"});
+             d.removeChanges(kOne, f, {u"r/r10"});  // root's: gives back nothing of the user's
+             d.removeChanges(kOne, f, {u"u/n12"});
+         }},
+        {"a partial clear by a client that sees only the user's directory",
+         [](Database& d, const std::u16string& f) {
+             Names names;
+             d.getChanges(kOne, f, names, true, [](const std::u16string& dir) { return dir == u"u"; });
+             EXPECT_EQ(names, (Names{u"u/n10", u"u/n11", u"u/n12"}));
+         }},
+        {"removeFolders", [](Database& d, const std::u16string& f) { d.removeFolders(kOne, {{f, {}}}); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        vigil_test::ScratchRoot root;
+        fs::create_directories(root / "data");
+        fs::create_directories(root / "home");
+        const std::u16string home = Osb::Utf8ToUtf16(root / "home") + u"/";
+        Database database;
+        database.open(Osb::Utf8ToUtf16(root / "data/"));
+        database.setPendingBoundForTesting(3 * PendingShare::cost(u"u/n10"));
+        database.addFolders(kOne, {{home, {1, 1, 0, 0}}});
+
+        testing::internal::CaptureStderr();
+        // One batch mixing root's names (key 0) with the user's; the user's fourth does not fit.
+        Names batch{u"u/n10", u"r/r10", u"u/n11", u"u/n12", u"u/n13", u"top"};
+        database.addWatchChanges(kOne, home, std::move(batch), 0, {kUser, 0, kUser, kUser, kUser, 0});
+        database.addWatchChanges(kOne, home, Numbered(u"r/r", 40), 0, {});
+        EXPECT_EQ(database.droppedNamesForTesting(), 1u);
+        EXPECT_EQ(database.pendingBytesForTesting(kUser), 3 * PendingShare::cost(u"u/n10"));
+        EXPECT_TRUE(database.ownerShareReached(kUser));
+
+        c.collect(database, home);
+        EXPECT_EQ(database.pendingBytesForTesting(kUser), 0u);
+        EXPECT_FALSE(database.ownerShareReached(kUser));
+        testing::internal::GetCapturedStderr();
+        database.close();
+    }
+}
+
+// The watch finds each directory's owner itself: with a real tree, a user's storm in their own
+// directory below root's folder stops at the user's bound, while root's names all arrive.
+TEST(PendingShareTest, AWatchOfRootsTreeBoundsTheStormOfAUserBelow) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to give a directory to another owner";
+    vigil_test::ScratchRoot root;
+    fs::create_directories(root / "data");
+    fs::create_directories(root / "home/user");
+    ASSERT_EQ(::chown((root / "home/user").c_str(), kUser, kUser), 0);
+    const std::u16string home = Osb::Utf8ToUtf16(root / "home") + u"/";
+    Database database;
+    database.open(Osb::Utf8ToUtf16(root / "data/"));
+    database.setPendingBoundForTesting(10 * PendingShare::cost(u"user/f10"));
+    testing::internal::CaptureStderr();
+    database.addFolders(kOne, {{home, {1, 1, 0, 0}}});
+    ASSERT_TRUE(vigil_test::PollUntil([&] { return database.startsSettledForTesting(); }));
+
+    for (int i = 10; i < 40; ++i) std::ofstream(root / ("home/user/f" + std::to_string(i))) << "x";
+    for (int i = 10; i < 30; ++i) std::ofstream(root / ("home/r" + std::to_string(i)));
+    auto rootNames = [&] {
+        Names names;
+        database.getChanges(kOne, home, names, false);
+        return std::count_if(names.begin(), names.end(),
+                             [](const std::u16string& n) { return n.rfind(u"r", 0) == 0; });
+    };
+    EXPECT_TRUE(vigil_test::PollUntil([&] { return rootNames() >= 20; }));
+    EXPECT_EQ(database.pendingBytesForTesting(kUser), 10 * PendingShare::cost(u"user/f10"));
+    EXPECT_TRUE(database.ownerShareReached(kUser));
+    Names collected;
+    database.getChanges(kOne, home, collected, true);
+    EXPECT_EQ(database.pendingBytesForTesting(kUser), 0u);
+    testing::internal::GetCapturedStderr();
+    database.close();
 }
 
 }  // namespace
