@@ -69,6 +69,17 @@ TEST_F(SystemdE2eTest, BadInstallsFailWithTheirCodeAndLeaveNothing) {
         EXPECT_EQ(result.exitStatus, row.exitStatus) << row.options << "\n" << result.output;
         EXPECT_NE(Run("test -e " + kUnitFile).exitStatus, 0) << row.options;
     }
+    // A systemd that does not answer (a systemctl that cannot reach it, first on PATH): the unit
+    // written before the reload goes again.
+    const CommandResult unanswered = Run(
+        "mkdir -p /tmp/mute && printf '#!/bin/sh\\necho \"Failed to connect to bus\" >&2\\nexit 1\\n' "
+        "> /tmp/mute/systemctl && chmod 755 /tmp/mute/systemctl && PATH=/tmp/mute:$PATH " +
+        ShellWord(Inside(VIGIL_AGENT_PATH)) + " /INSTALL");
+    EXPECT_EQ(unanswered.exitStatus, 1053 & 0xFF) << unanswered.output;
+    EXPECT_NE(unanswered.output.find("systemctl daemon-reload failed: Failed to connect to bus"),
+              std::string::npos)
+        << unanswered.output;
+    EXPECT_NE(Run("test -e " + kUnitFile).exitStatus, 0);
     // A unit folder that cannot be written (here a read-only mount: 19, "The media is write
     // protected."): refused before anything is written.
     const CommandResult readOnly =
