@@ -12,6 +12,7 @@
 #include "platform/Console.h"
 #include "platform/ErrorCode.h"
 #include "platform/ServiceControl.h"
+#include "platform/Utf.h"
 #include "tests/support/FileText.h"
 #include "tests/support/RunAsUser.h"
 #include "tests/support/ScratchRoot.h"
@@ -55,46 +56,56 @@ protected:
 };
 
 TEST_F(ServiceControlTest, InstallWritesEveryKeyAndOpenFindsIt) {
-    uint32_t tag = 77;
-    SC_HANDLE service = CreateServiceW(
-        manager_, u"Agent", u"Shown\nName", SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
-        SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, u"/opt/agent/agent", nullptr, &tag,
-        u"First\0Second\0", u"dom\\bob", u"secret");
-    ASSERT_NE(service, nullptr) << ErrorCode();
-    EXPECT_EQ(tag, 0u);
-    SERVICE_DESCRIPTIONW description = {const_cast<char16_t*>(u"Tracks\r\nfiles")};
-    ASSERT_TRUE(ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description));
-    EXPECT_TRUE(CloseServiceHandle(service));
-
-    std::string text = vigil_test::FileText(root_ / "etc/orvanta/services/Agent.conf");
-    for (const char* line :
+    struct Case {
+        const char16_t* name;
+        const char16_t* displayName;
+        uint32_t startType, errorControl;
+        const char16_t* dependencies;
+        const char16_t* account;
+        const char16_t* description;  // null: none set
+        std::vector<const char*> lines;
+    };
+    const Case cases[] = {
+        {u"Agent", u"Shown\nName", SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, u"First\0Second\0",
+         u"dom\\bob", u"Tracks\r\nfiles",
          {"DisplayName=Shown\\nName\n", "Description=Tracks\\r\\nfiles\n",
           "BinaryPath=/opt/agent/agent\n", "StartType=2\n", "ErrorControl=1\n",
-          "Account=dom\\\\bob\n", "Dependencies=First/Second\n"}) {
-        EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
-    }
-    EXPECT_EQ(text.find("secret"), std::string::npos) << "the password must not be kept";
+          "Account=dom\\\\bob\n", "Dependencies=First/Second\n"}},
+        // Absent values are empty, and the display name defaults to the name.
+        {u"Bare", nullptr, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE, nullptr, nullptr, nullptr,
+         {"DisplayName=Bare\n", "Description=\n", "Account=\n", "Dependencies=\n",
+          "StartType=3\n", "ErrorControl=0\n"}},
+    };
+    for (const Case& c : cases) {
+        const std::string name = Utf16ToUtf8(c.name);
+        SCOPED_TRACE(name);
+        uint32_t tag = 77;
+        SC_HANDLE service = CreateServiceW(manager_, c.name, c.displayName, SERVICE_ALL_ACCESS,
+                                           SERVICE_WIN32_OWN_PROCESS, c.startType, c.errorControl,
+                                           u"/opt/agent/agent", nullptr, &tag, c.dependencies,
+                                           c.account, u"secret");
+        ASSERT_NE(service, nullptr) << ErrorCode();
+        EXPECT_EQ(tag, 0u);
+        if (c.description != nullptr) {
+            SERVICE_DESCRIPTIONW description = {const_cast<char16_t*>(c.description)};
+            ASSERT_TRUE(ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description));
+        }
+        EXPECT_TRUE(CloseServiceHandle(service));
 
-    SC_HANDLE opened = OpenServiceW(manager_, u"Agent", SERVICE_ALL_ACCESS);
-    ASSERT_NE(opened, nullptr) << ErrorCode();
-    SERVICE_STATUS status = {};
-    ASSERT_TRUE(QueryServiceStatus(opened, &status));
-    EXPECT_EQ(status.dwCurrentState, SERVICE_STOPPED);
-    EXPECT_EQ(status.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
-    EXPECT_TRUE(CloseServiceHandle(opened));
-}
+        const std::string text =
+            vigil_test::FileText(root_ / ("etc/orvanta/services/" + name + ".conf"));
+        for (const char* line : c.lines) {
+            EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
+        }
+        EXPECT_EQ(text.find("secret"), std::string::npos) << "the password must not be kept";
 
-TEST_F(ServiceControlTest, AbsentValuesAreEmptyAndDisplayNameDefaultsToTheName) {
-    SC_HANDLE service = CreateServiceW(manager_, u"Bare", nullptr, SERVICE_ALL_ACCESS,
-                                       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                                       SERVICE_ERROR_IGNORE, u"/b", nullptr, nullptr, nullptr,
-                                       nullptr, nullptr);
-    ASSERT_NE(service, nullptr) << ErrorCode();
-    CloseServiceHandle(service);
-    const std::string text = vigil_test::FileText(root_ / "etc/orvanta/services/Bare.conf");
-    for (const char* line : {"DisplayName=Bare\n", "Description=\n", "Account=\n",
-                             "Dependencies=\n", "StartType=3\n", "ErrorControl=0\n"}) {
-        EXPECT_NE(text.find(line), std::string::npos) << line << " missing from:\n" << text;
+        SC_HANDLE opened = OpenServiceW(manager_, c.name, SERVICE_ALL_ACCESS);
+        ASSERT_NE(opened, nullptr) << ErrorCode();
+        SERVICE_STATUS status = {};
+        ASSERT_TRUE(QueryServiceStatus(opened, &status));
+        EXPECT_EQ(status.dwCurrentState, SERVICE_STOPPED);
+        EXPECT_EQ(status.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
+        EXPECT_TRUE(CloseServiceHandle(opened));
     }
 }
 
