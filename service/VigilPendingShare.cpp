@@ -41,7 +41,9 @@ size_t PendingShare::admit(uint32_t owner, const std::u16string& folder,
                            std::vector<std::u16string>& names) {
     Usage& usage = owners_[owner];
     const size_t before = usage.bytes;
-    std::erase_if(names, [&](const std::u16string& name) { return !admit(usage, owner, folder, cost(name)); });
+    std::erase_if(names, [&](const std::u16string& name) {
+        return !admit(usage, owner, folder, cost(name));
+    });
     return usage.bytes - before;
 }
 
@@ -49,8 +51,7 @@ bool PendingShare::admitOne(uint32_t owner, const std::u16string& folder, size_t
     return admit(owners_[owner], owner, folder, bytes);
 }
 
-bool PendingShare::admit(Usage& usage, uint32_t owner, const std::u16string& folder,
-                         size_t bytes) {
+bool PendingShare::admit(Usage& usage, uint32_t owner, const std::u16string& folder, size_t bytes) {
     if (usage.bytes + bytes <= bound_) {
         usage.bytes += bytes;
         return true;
@@ -75,8 +76,7 @@ void PendingShare::release(uint32_t owner, const std::u16string& folder, size_t 
     // log a pair of lines with every collection.
     if (usage.full && usage.bytes <= bound_ / 4 * 3) {
         usage.full = false;
-        std::fprintf(stderr,
-                     "pending names of %s are under their bound again (%s)\n",
+        std::fprintf(stderr, "pending names of %s are under their bound again (%s)\n",
                      OwnerText(owner).c_str(), Osb::Utf16ToUtf8(folder).c_str());
     }
     if (usage.bytes == 0 && !usage.full) owners_.erase(it);

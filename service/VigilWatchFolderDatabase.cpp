@@ -321,7 +321,8 @@ void Database::addWatchChanges(const Guid& guid, const std::u16string& folder,
                                std::vector<std::u16string>&& names, uint32_t owner,
                                const std::vector<uint32_t>& keys) {
     Osb::MutexLock lock(mutex_);
-    if (hasFolderLocked(guid, folder)) addChangesLocked(guid, folder, std::move(names), owner, keys);
+    if (hasFolderLocked(guid, folder))
+        addChangesLocked(guid, folder, std::move(names), owner, keys);
 }
 
 void Database::removeChanges(const Guid& guid, const std::u16string& folder,

@@ -18,7 +18,8 @@ bool Database::ownerShareReached(uint32_t owner) {
 
 void Database::recountLocked(PendingRecord& record, size_t bytes) {
     if (bytes == 0) {
-        for (const auto& [key, charged] : record.charged) shares_.release(key, record.folder, charged);
+        for (const auto& [key, charged] : record.charged)
+            shares_.release(key, record.folder, charged);
         record.charged.clear();
         record.directoryKeys.clear();
     }

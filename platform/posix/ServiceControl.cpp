@@ -130,7 +130,8 @@ uint32_t AwaitRegistration(const std::string& name, int pidfd) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(answerMs.load());
     for (;;) {
         Scm::EndpointReply reply = {};
-        if (Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, answerMs.load()) == Err::kSuccess) break;
+        if (Scm::CallEndpoint(name, {Scm::kOpQuery, 0}, reply, answerMs.load()) == Err::kSuccess)
+            break;
         bool ended = pidfd == Scm::kProcessEnded;
         if (pidfd >= 0) {
             pollfd entry = {pidfd, POLLIN, 0};
@@ -141,7 +142,8 @@ uint32_t AwaitRegistration(const std::string& name, int pidfd) {
         if (ended) {
             // It may have registered and stopped between the two looks; the query above decides.
             if (pidfd >= 0) ::close(pidfd);
-            std::fprintf(stderr, "service manager: the process of %s ended before it registered "
+            std::fprintf(stderr,
+                         "service manager: the process of %s ended before it registered "
                          "its control handler (error %u); its output is in %s\n",
                          name.c_str(), static_cast<unsigned>(Err::kProcessAborted),
                          Scm::LogPath(name).c_str());
@@ -149,7 +151,8 @@ uint32_t AwaitRegistration(const std::string& name, int pidfd) {
         }
         if (Clock::now() >= deadline) {
             if (pidfd >= 0) ::close(pidfd);
-            std::fprintf(stderr, "service manager: the process of %s did not register its control "
+            std::fprintf(stderr,
+                         "service manager: the process of %s did not register its control "
                          "handler within %d ms (error %u); it is left running\n",
                          name.c_str(), answerMs.load(),
                          static_cast<unsigned>(Err::kServiceRequestTimeout));
@@ -165,7 +168,8 @@ uint32_t AwaitRegistration(const std::string& name, int pidfd) {
 void Scm::SetAnswerTimeoutForTesting(int ms) { answerMs = ms; }
 
 SC_HANDLE OpenSCManagerW(const char16_t* machine, const char16_t* database, uint32_t access) {
-    if (!Empty(machine) || !Empty(database)) return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
+    if (!Empty(machine) || !Empty(database))
+        return Fail<SC_HANDLE>(Err::kInvalidParameter, nullptr);
     const bool systemd = Scm::Systemd::Manages();
     if (systemd) {
         if ((access & ~kManagerReadAccess) != 0 && Scm::Systemd::CheckWritable() != Err::kSuccess) {
@@ -204,10 +208,9 @@ SC_HANDLE OpenServiceW(SC_HANDLE manager, const char16_t* name, uint32_t) {
 }
 
 SC_HANDLE CreateServiceW(SC_HANDLE manager, const char16_t* name, const char16_t* displayName,
-                         uint32_t, uint32_t serviceType, uint32_t startType,
-                         uint32_t errorControl, const char16_t* binaryPath, const char16_t*,
-                         uint32_t* tagId, const char16_t* dependencies, const char16_t* account,
-                         const char16_t*) {
+                         uint32_t, uint32_t serviceType, uint32_t startType, uint32_t errorControl,
+                         const char16_t* binaryPath, const char16_t*, uint32_t* tagId,
+                         const char16_t* dependencies, const char16_t* account, const char16_t*) {
     std::string unused;
     bool systemd = false;
     if (!ServiceName(manager, true, unused, &systemd)) return nullptr;
@@ -348,7 +351,8 @@ bool ControlService(SC_HANDLE service, uint32_t control, SERVICE_STATUS* status)
         if (status->dwCurrentState == SERVICE_STOPPED) return Fail(Err::kServiceNotActive, false);
     }
     Scm::EndpointReply reply = {};
-    const uint32_t code = Scm::CallEndpoint(name, {Scm::kOpControl, control}, reply, answerMs.load());
+    const uint32_t code =
+        Scm::CallEndpoint(name, {Scm::kOpControl, control}, reply, answerMs.load());
     if (code != Err::kSuccess) return false;
     *status = reply.status;
     if (reply.result != Err::kSuccess) return Fail(reply.result, false);

@@ -31,7 +31,8 @@ bool Drain(int out, int err, std::string& output, std::string& errors, Clock::ti
     std::string* sinks[2] = {&output, &errors};
     int open = 2;
     while (open > 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) return false;
         const int ready = ::poll(entries, 2, static_cast<int>(left.count()));
         if (ready < 0 && errno == EINTR) continue;
@@ -80,7 +81,8 @@ SystemctlResult RunSystemctl(const std::vector<std::string>& args, int timeoutMs
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
     pid_t child = -1;
-    const int spawned = ::posix_spawnp(&child, "systemctl", &actions, nullptr, argv.data(), environ);
+    const int spawned =
+        ::posix_spawnp(&child, "systemctl", &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     ::close(err[1]);

@@ -30,7 +30,9 @@ constexpr const char* kUnitFolders[] = {"/etc/systemd/system", "/run/systemd/sys
 constexpr int kAskMs = 30000;
 
 std::string Unit(const std::string& name) { return name + ".service"; }
-std::string UnitPath(const std::string& name) { return std::string(kUnitFolder) + "/" + Unit(name); }
+std::string UnitPath(const std::string& name) {
+    return std::string(kUnitFolder) + "/" + Unit(name);
+}
 
 uint32_t Fail(uint32_t code) {
     SetLastError(code);
@@ -88,8 +90,8 @@ uint32_t WriteUnit(const std::string& path, const std::string& text, bool create
         ::unlink(temp.c_str());
         return SetLastErrorFromErrno(writeErr, temp.c_str());
     }
-    const int result = createNew ? ::link(temp.c_str(), path.c_str())
-                                 : ::rename(temp.c_str(), path.c_str());
+    const int result =
+        createNew ? ::link(temp.c_str(), path.c_str()) : ::rename(temp.c_str(), path.c_str());
     const int err = errno;
     ::unlink(temp.c_str());
     if (result == 0) return Err::kSuccess;
@@ -170,7 +172,8 @@ uint32_t SetDescription(const std::string& name, const std::string& description)
     const int err = posix::ReadAll(fd, text);
     ::close(fd);
     if (err != 0) return SetLastErrorFromErrno(err, path.c_str());
-    if (const uint32_t code = WriteUnit(path, WithDescription(text, description), false); code != 0) {
+    if (const uint32_t code = WriteUnit(path, WithDescription(text, description), false);
+        code != 0) {
         return code;
     }
     return Ask({"daemon-reload"});
@@ -180,11 +183,14 @@ uint32_t Remove(const std::string& name) {
     const std::string path = UnitPath(name);
     if (::access(path.c_str(), F_OK) != 0) {
         if (Find(name) != Err::kSuccess) return Fail(Err::kServiceDoesNotExist);
-        std::fprintf(stderr, "service manager: %s was not installed by this program (a package's "
-                     "unit?); remove it with what installed it\n", Unit(name).c_str());
+        std::fprintf(stderr,
+                     "service manager: %s was not installed by this program (a package's "
+                     "unit?); remove it with what installed it\n",
+                     Unit(name).c_str());
         return Fail(Err::kAccessDenied);
     }
-    if (const uint32_t code = Ask({"disable", "--", Unit(name)}); code != Err::kSuccess) return code;
+    if (const uint32_t code = Ask({"disable", "--", Unit(name)}); code != Err::kSuccess)
+        return code;
     if (::unlink(path.c_str()) != 0) return SetLastErrorFromErrno(errno, path.c_str());
     const uint32_t code = Ask({"daemon-reload"});
     // A failed unit stays listed until its failure is forgotten; it is gone now.
@@ -194,7 +200,8 @@ uint32_t Remove(const std::string& name) {
 
 uint32_t Start(const std::string& name, int timeoutMs) {
     if (const uint32_t code = Find(name); code != Err::kSuccess) return code;
-    static const std::vector<std::string> kBefore = {"ActiveState", "ExecMainStartTimestampMonotonic"};
+    static const std::vector<std::string> kBefore = {"ActiveState",
+                                                     "ExecMainStartTimestampMonotonic"};
     std::vector<std::string> before;
     uint32_t code = 0;
     if (!Show(name, kBefore, before, code, timeoutMs)) return code;
@@ -206,8 +213,8 @@ uint32_t Start(const std::string& name, int timeoutMs) {
     if (started.error != 0) return Refused("start " + Unit(name), started);
     std::fprintf(stderr, "service manager: systemctl start %s failed%s%s\n", Unit(name).c_str(),
                  started.errors.empty() ? "" : ": ", started.errors.c_str());
-    static const std::vector<std::string> kAfter = {"ExecMainStartTimestampMonotonic", "ExecMainCode",
-                                                    "ExecMainStatus", "Requires"};
+    static const std::vector<std::string> kAfter = {"ExecMainStartTimestampMonotonic",
+                                                    "ExecMainCode", "ExecMainStatus", "Requires"};
     std::vector<std::string> after;
     if (!Show(name, kAfter, after, code, timeoutMs)) return code;
     if (after[0] == before[1]) {
@@ -226,7 +233,8 @@ uint32_t Stop(const std::string& name, int timeoutMs, SERVICE_STATUS& status) {
     uint32_t code = 0;
     if (!Show(name, {"ActiveState"}, state, code, timeoutMs)) return code;
     if (state[0] == "activating" || state[0] == "deactivating") {
-        status = PendingStatus(state[0] == "activating" ? SERVICE_START_PENDING : SERVICE_STOP_PENDING);
+        status =
+            PendingStatus(state[0] == "activating" ? SERVICE_START_PENDING : SERVICE_STOP_PENDING);
         return Fail(Err::kServiceCannotAcceptCtrl);
     }
     if (state[0] != "active" && state[0] != "reloading") return Fail(Err::kServiceNotActive);
@@ -236,7 +244,8 @@ uint32_t Stop(const std::string& name, int timeoutMs, SERVICE_STATUS& status) {
         status = PendingStatus(SERVICE_STOP_PENDING);
         return Err::kSuccess;
     }
-    if (stopped.error != 0 || stopped.exitStatus != 0) return Refused("stop " + Unit(name), stopped);
+    if (stopped.error != 0 || stopped.exitStatus != 0)
+        return Refused("stop " + Unit(name), stopped);
     status = StoppedStatus();
     return Err::kSuccess;
 }

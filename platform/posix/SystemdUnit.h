@@ -32,7 +32,8 @@ bool ValidUnitName(std::string_view name);
 // The unit's text.
 std::string FormatUnit(const UnitSettings& settings);
 
-// `unitText` with its leading comment block replaced by `description`, one "# " line per line of it.
+// `unitText` with its leading comment block replaced by `description`, one "# " line per line of
+// it.
 std::string WithDescription(std::string_view unitText, std::string_view description);
 
 // The account as systemd's User= takes it, from the form the service's command line gives: "bob",

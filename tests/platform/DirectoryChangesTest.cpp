@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,17 +23,17 @@
 namespace {
 
 namespace fs = std::filesystem;
-using vigil_test::Change;
-using vigil_test::Touch;
-using vigil_test::Watch;
 using Osb::FileAction::kAdded;
 using Osb::FileAction::kModified;
 using Osb::FileAction::kRemoved;
 using Osb::FileAction::kRenamedNewName;
 using Osb::FileAction::kRenamedOldName;
+using vigil_test::Change;
+using vigil_test::Touch;
+using vigil_test::Watch;
 
 class DirectoryChangesTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { fs::create_directories(folder_); }
     vigil_test::ScratchRoot root_;
     std::string folder_ = root_ / "watched";
@@ -50,22 +49,28 @@ TEST_F(DirectoryChangesTest, EachKindOfChangeHasItsActionAndFlatMeansFlat) {
         std::vector<Change> expected;  // the first of them comes first; the rest as a set
     };
     const Case cases[] = {
-        {"every kind", [](const std::string& f) { Touch(f + "/old"); },
+        {"every kind",
+         [](const std::string& f) { Touch(f + "/old"); },
          [](const std::string& f) {
              Touch(f + "/new");
              fs::rename(f + "/old", f + "/renamed");
              fs::permissions(f + "/new", fs::perms::owner_read);
              fs::remove(f + "/renamed");
          },
-         {{kAdded, "new"}, {kRenamedOldName, "old"}, {kRenamedNewName, "renamed"},
-          {kModified, "new"}, {kRemoved, "renamed"}}},
-        {"content written", [](const std::string& f) { Touch(f + "/file"); },
+         {{kAdded, "new"},
+          {kRenamedOldName, "old"},
+          {kRenamedNewName, "renamed"},
+          {kModified, "new"},
+          {kRemoved, "renamed"}}},
+        {"content written",
+         [](const std::string& f) { Touch(f + "/file"); },
          [](const std::string& f) {
              std::ofstream(f + "/file", std::ios::app) << "more content";
              Touch(f + "/marker");
          },
          {{kAdded, "marker"}}},
-        {"below the entries", [](const std::string& f) { fs::create_directories(f + "/sub"); },
+        {"below the entries",
+         [](const std::string& f) { fs::create_directories(f + "/sub"); },
          [](const std::string& f) {
              Touch(f + "/sub/inner");
              Touch(f + "/top");
@@ -99,9 +104,10 @@ TEST_F(DirectoryChangesTest, SubtreeReportsEverythingInADeepNewTree) {
     Touch(folder_ + "/a/b/c/d/e/deep");
     Touch(folder_ + "/a/b/mid");
     ASSERT_TRUE(w.wait());
-    std::set<Change> expected{{kAdded, "a"},           {kAdded, "a/b"},      {kAdded, "a/b/c"},
-                              {kAdded, "a/b/c/d"},     {kAdded, "a/b/c/d/e"},
-                              {kAdded, "a/b/c/d/e/deep"}, {kAdded, "a/b/mid"}};
+    std::set<Change> expected{{kAdded, "a"},         {kAdded, "a/b"},
+                              {kAdded, "a/b/c"},     {kAdded, "a/b/c/d"},
+                              {kAdded, "a/b/c/d/e"}, {kAdded, "a/b/c/d/e/deep"},
+                              {kAdded, "a/b/mid"}};
     std::vector<Change> seen = w.collectUntil(expected);
     std::set<Change> got(seen.begin(), seen.end());
     for (const Change& c : expected) EXPECT_TRUE(got.count(c)) << c.name;
@@ -341,9 +347,9 @@ TEST_F(DirectoryChangesTest, DeletedSubdirectoryLeavesNoWatchBehind) {
     ASSERT_TRUE(w.issue());
     ASSERT_TRUE(w.wait());
     w.collectUntil({{kRemoved, "gone"}});
-    EXPECT_TRUE(vigil_test::PollUntil(
-        [&] { return Osb::WatchedDirectoriesForTesting() == before + 1; },
-        std::chrono::seconds(5)));
+    EXPECT_TRUE(
+        vigil_test::PollUntil([&] { return Osb::WatchedDirectoriesForTesting() == before + 1; },
+                              std::chrono::seconds(5)));
     w.close();
     EXPECT_EQ(Osb::WatchedDirectoriesForTesting(), before);
 }
@@ -408,8 +414,12 @@ TEST_F(DirectoryChangesTest, AttributesAsTheDirectoryTestSeesThem) {
         const char* name;
         uint32_t attributes;
     };
-    const Case cases[] = {{"dir", 0x10},     {".hiddendir", 0x12}, {"file", 0x80},
-                          {".hidden", 0x02}, {"readonly", 0x01},  {"link", 0x400},
+    const Case cases[] = {{"dir", 0x10},
+                          {".hiddendir", 0x12},
+                          {"file", 0x80},
+                          {".hidden", 0x02},
+                          {"readonly", 0x01},
+                          {"link", 0x400},
                           {"missing", Osb::kInvalidFileAttributes}};
     for (const Case& c : cases) {
         EXPECT_EQ(Osb::GetFileAttributes(Osb::Utf8ToUtf16(folder_ + "/" + c.name)), c.attributes)

@@ -22,7 +22,7 @@ namespace {
 using namespace Osb;
 
 class ServiceControlTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         manager_ = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
         ASSERT_NE(manager_, nullptr) << ErrorCode();
@@ -35,9 +35,9 @@ protected:
     SC_HANDLE create(const char16_t* name, const char16_t* dependencies = nullptr,
                      const char16_t* account = nullptr) {
         return CreateServiceW(manager_, name, u"Display", SERVICE_ALL_ACCESS,
-                              SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                              SERVICE_ERROR_IGNORE, u"/opt/agent/agent", nullptr, nullptr,
-                              dependencies, account, u"secret");
+                              SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
+                              u"/opt/agent/agent", nullptr, nullptr, dependencies, account,
+                              u"secret");
     }
 
     // A service installed for the rest of the test; its handle is closed at the end.
@@ -66,15 +66,26 @@ TEST_F(ServiceControlTest, InstallWritesEveryKeyAndOpenFindsIt) {
         std::vector<const char*> lines;
     };
     const Case cases[] = {
-        {u"Agent", u"Shown\nName", SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, u"First\0Second\0",
-         u"dom\\bob", u"Tracks\r\nfiles",
+        {u"Agent",
+         u"Shown\nName",
+         SERVICE_AUTO_START,
+         SERVICE_ERROR_NORMAL,
+         u"First\0Second\0",
+         u"dom\\bob",
+         u"Tracks\r\nfiles",
          {"DisplayName=Shown\\nName\n", "Description=Tracks\\r\\nfiles\n",
           "BinaryPath=/opt/agent/agent\n", "StartType=2\n", "ErrorControl=1\n",
           "Account=dom\\\\bob\n", "Dependencies=First/Second\n"}},
         // Absent values are empty, and the display name defaults to the name.
-        {u"Bare", nullptr, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE, nullptr, nullptr, nullptr,
-         {"DisplayName=Bare\n", "Description=\n", "Account=\n", "Dependencies=\n",
-          "StartType=3\n", "ErrorControl=0\n"}},
+        {u"Bare",
+         nullptr,
+         SERVICE_DEMAND_START,
+         SERVICE_ERROR_IGNORE,
+         nullptr,
+         nullptr,
+         nullptr,
+         {"DisplayName=Bare\n", "Description=\n", "Account=\n", "Dependencies=\n", "StartType=3\n",
+          "ErrorControl=0\n"}},
     };
     for (const Case& c : cases) {
         const std::string name = Utf16ToUtf8(c.name);
@@ -153,15 +164,14 @@ TEST_F(ServiceControlTest, RefusedCallsLeaveTheirWindowsCode) {
         {"no binary",
          [&] {
              return CreateServiceW(manager_, u"NoBin", nullptr, 0, SERVICE_WIN32_OWN_PROCESS,
-                                   SERVICE_DEMAND_START, 0, u"", nullptr, nullptr, nullptr,
-                                   nullptr, nullptr) != nullptr;
+                                   SERVICE_DEMAND_START, 0, u"", nullptr, nullptr, nullptr, nullptr,
+                                   nullptr) != nullptr;
          },
          Err::kInvalidParameter},
         {"driver start type",
          [&] {
              return CreateServiceW(manager_, u"Drv", nullptr, 0, SERVICE_WIN32_OWN_PROCESS, 1, 0,
-                                   u"/b", nullptr, nullptr, nullptr, nullptr,
-                                   nullptr) != nullptr;
+                                   u"/b", nullptr, nullptr, nullptr, nullptr, nullptr) != nullptr;
          },
          Err::kInvalidParameter},
         {"remote machine",

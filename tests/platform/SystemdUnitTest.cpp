@@ -45,18 +45,24 @@ TEST(SystemdUnitTest, SettingsBecomeTheirLines) {
     };
     const Row rows[] = {
         {"demand start: no [Install], nothing to enable",
-         [](UnitSettings& s) { s.autoStart = false; }, {"Type=notify\n"},
+         [](UnitSettings& s) { s.autoStart = false; },
+         {"Type=notify\n"},
          {"[Install]", "WantedBy="}},
         {"an account", [](UnitSettings& s) { s.user = "vigil"; }, {"\nUser=vigil\n"}, {}},
         {"dependencies, required and ordered",
-         [](UnitSettings& s) { s.dependencies = {"a", "b.x"}; },
-         {"\nRequires=a.service b.x.service\n", "\nAfter=a.service b.x.service\n"}, {}},
+         [](UnitSettings& s) {
+             s.dependencies = {"a", "b.x"};
+         },
+         {"\nRequires=a.service b.x.service\n", "\nAfter=a.service b.x.service\n"},
+         {}},
         {"a binary path with a blank, a quote and a percent sign is one quoted word",
          [](UnitSettings& s) { s.binaryPath = "/opt/my \"agent\" 100%/agent"; },
-         {"\nExecStart=\"/opt/my \\\"agent\\\" 100%%/agent\"\n"}, {}},
+         {"\nExecStart=\"/opt/my \\\"agent\\\" 100%%/agent\"\n"},
+         {}},
         {"a display name cannot add lines or specifiers",
          [](UnitSettings& s) { s.displayName = "50% done\nExecStartPre=/bin/evil\\"; },
-         {"\nDescription=50%% done ExecStartPre=/bin/evil\n"}, {"\nExecStartPre="}},
+         {"\nDescription=50%% done ExecStartPre=/bin/evil\n"},
+         {"\nExecStartPre="}},
         {"a scratch root is handed to the service and is all it may write",
          [](UnitSettings& s) { s.systemRoot = "/srv/vigil root"; },
          {"\nEnvironment=\"VIGIL_SYSTEM_ROOT=/srv/vigil root\"\n",
@@ -74,10 +80,12 @@ TEST(SystemdUnitTest, SettingsBecomeTheirLines) {
         row.change(settings);
         const std::string text = Osb::Scm::FormatUnit(settings);
         for (const std::string& line : row.present) {
-            EXPECT_NE(text.find(line), std::string::npos) << row.what << ": " << line << "\n" << text;
+            EXPECT_NE(text.find(line), std::string::npos) << row.what << ": " << line << "\n"
+                                                          << text;
         }
         for (const std::string& line : row.absent) {
-            EXPECT_EQ(text.find(line), std::string::npos) << row.what << ": " << line << "\n" << text;
+            EXPECT_EQ(text.find(line), std::string::npos) << row.what << ": " << line << "\n"
+                                                          << text;
         }
     }
 }
@@ -100,11 +108,16 @@ TEST(SystemdUnitTest, NamesAndAccountsAsSystemdTakesThem) {
     EXPECT_FALSE(Osb::Scm::ValidUnitName(std::string(248, 'a')));
 
     const std::pair<const char*, const char*> accounts[] = {
-        {"", ""},          {"bob", "bob"},        {".\\bob", "bob"},
-        {"DOM\\bob", "bob"}, {"LocalSystem", ""},  {".\\localsystem", ""},
+        {"", ""},
+        {"bob", "bob"},
+        {".\\bob", "bob"},
+        {"DOM\\bob", "bob"},
+        {"LocalSystem", ""},
+        {".\\localsystem", ""},
         {"NT AUTHORITY\\SYSTEM", ""},
     };
-    for (const auto& [account, user] : accounts) EXPECT_EQ(Osb::Scm::UnitUser(account), user) << account;
+    for (const auto& [account, user] : accounts)
+        EXPECT_EQ(Osb::Scm::UnitUser(account), user) << account;
 }
 
 TEST(SystemdUnitTest, TheManagerIsSystemdOnlyOnTheMachinesOwnRootOrWhenForced) {

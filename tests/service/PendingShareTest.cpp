@@ -1,6 +1,5 @@
 // The bound on the pending names of one owner's folders, kept by Watch::Database.
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -175,10 +174,14 @@ TEST(PendingShareTest, NamesInAUsersDirectoryBelowRootsFolderCountAgainstThatUse
         {"a partial clear by a client that sees only the user's directory",
          [](Database& d, const std::u16string& f) {
              Names names;
-             d.getChanges(kOne, f, names, true, [](const std::u16string& dir) { return dir == u"u"; });
+             d.getChanges(kOne, f, names, true,
+                          [](const std::u16string& dir) { return dir == u"u"; });
              EXPECT_EQ(names, (Names{u"u/n10", u"u/n11", u"u/n12"}));
          }},
-        {"removeFolders", [](Database& d, const std::u16string& f) { d.removeFolders(kOne, {{f, {}}}); }},
+        {"removeFolders",
+         [](Database& d, const std::u16string& f) {
+             d.removeFolders(kOne, {{f, {}}});
+         }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -194,7 +197,8 @@ TEST(PendingShareTest, NamesInAUsersDirectoryBelowRootsFolderCountAgainstThatUse
         testing::internal::CaptureStderr();
         // One batch mixing root's names (key 0) with the user's; the user's fourth does not fit.
         Names batch{u"u/n10", u"r/r10", u"u/n11", u"u/n12", u"u/n13", u"top"};
-        database.addWatchChanges(kOne, home, std::move(batch), 0, {kUser, 0, kUser, kUser, kUser, 0});
+        database.addWatchChanges(kOne, home, std::move(batch), 0,
+                                 {kUser, 0, kUser, kUser, kUser, 0});
         database.addWatchChanges(kOne, home, Numbered(u"r/r", 40), 0, {});
         EXPECT_EQ(database.droppedNamesForTesting(), 1u);
         EXPECT_EQ(database.pendingBytesForTesting(kUser), 3 * PendingShare::cost(u"u/n10"));

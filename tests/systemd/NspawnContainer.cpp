@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 namespace vigil_test {
@@ -22,7 +22,8 @@ CommandResult Capture(const std::string& command) {
     if (pipe == nullptr) return result;
     char buffer[4096];
     size_t got = 0;
-    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, got);
+    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0)
+        result.output.append(buffer, got);
     const int status = ::pclose(pipe);
     if (status != -1 && WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
     return result;
@@ -54,7 +55,8 @@ bool NspawnContainer::boot(std::string& why) {
         why = "systemd-nspawn is not installed (Debian: systemd-container)";
         return false;
     }
-    if (::access("/lib/systemd/systemd", X_OK) != 0 && ::access("/usr/lib/systemd/systemd", X_OK) != 0) {
+    if (::access("/lib/systemd/systemd", X_OK) != 0 &&
+        ::access("/usr/lib/systemd/systemd", X_OK) != 0) {
         why = "this root has no systemd to boot";
         return false;
     }
@@ -67,8 +69,8 @@ bool NspawnContainer::boot(std::string& why) {
     // nspawn refuses the host's root as such; bound elsewhere, in a mount namespace that ends with
     // the container, it is just a folder. The machine name only sets the hostname inside.
     const std::string script =
-        "mount --bind / " + ShellWord(scratch_) + " && exec systemd-nspawn --quiet --directory=" +
-        ShellWord(scratch_) +
+        "mount --bind / " + ShellWord(scratch_) +
+        " && exec systemd-nspawn --quiet --directory=" + ShellWord(scratch_) +
         " --volatile=overlay --keep-unit --register=no --private-network --machine=vigil-e2e " +
         ShellWord("--bind-ro=" + bindRo_ + ":" + at_) + " --boot";
     nspawn_ = ::fork();
@@ -98,10 +100,12 @@ bool NspawnContainer::boot(std::string& why) {
             // timeout's child is nspawn (unshare and sh exec it), whose child is the init.
             const std::string t = std::to_string(nspawn_);
             const std::string found =
-                Capture("{ for n in $(cat /proc/" + t + "/task/" + t + "/children); do "
+                Capture("{ for n in $(cat /proc/" + t + "/task/" + t +
+                        "/children); do "
                         "for c in $(cat /proc/$n/task/$n/children); do "
                         "[ \"$(cat /proc/$c/comm)\" = systemd ] && echo $c; done; done; } "
-                        "2>/dev/null").output;
+                        "2>/dev/null")
+                    .output;
             if (!found.empty()) init_ = std::atoi(found.c_str());
         }
         if (init_ > 0) {
@@ -111,7 +115,8 @@ bool NspawnContainer::boot(std::string& why) {
         int status = 0;
         if (::waitpid(nspawn_, &status, WNOHANG) == nspawn_) {
             nspawn_ = -1;
-            why = "the container ended while booting: " + Capture("tail -n 5 " + scratch_ + ".log").output;
+            why = "the container ended while booting: " +
+                  Capture("tail -n 5 " + scratch_ + ".log").output;
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(100));

@@ -71,10 +71,11 @@ TEST_F(SystemdE2eTest, BadInstallsFailWithTheirCodeAndLeaveNothing) {
     }
     // A systemd that does not answer (a systemctl that cannot reach it, first on PATH): the unit
     // written before the reload goes again.
-    const CommandResult unanswered = Run(
-        "mkdir -p /tmp/mute && printf '#!/bin/sh\\necho \"Failed to connect to bus\" >&2\\nexit 1\\n' "
-        "> /tmp/mute/systemctl && chmod 755 /tmp/mute/systemctl && PATH=/tmp/mute:$PATH " +
-        ShellWord(Inside(VIGIL_AGENT_PATH)) + " /INSTALL");
+    const CommandResult unanswered =
+        Run("mkdir -p /tmp/mute && printf '#!/bin/sh\\necho \"Failed to connect to bus\" "
+            ">&2\\nexit 1\\n' "
+            "> /tmp/mute/systemctl && chmod 755 /tmp/mute/systemctl && PATH=/tmp/mute:$PATH " +
+            ShellWord(Inside(VIGIL_AGENT_PATH)) + " /INSTALL");
     EXPECT_EQ(unanswered.exitStatus, 1053 & 0xFF) << unanswered.output;
     EXPECT_NE(unanswered.output.find("systemctl daemon-reload failed: Failed to connect to bus"),
               std::string::npos)
@@ -84,24 +85,27 @@ TEST_F(SystemdE2eTest, BadInstallsFailWithTheirCodeAndLeaveNothing) {
     // protected."): refused before anything is written.
     const CommandResult readOnly =
         Run("mount --bind -o ro /etc/systemd/system /etc/systemd/system && " +
-            ShellWord(Inside(VIGIL_AGENT_PATH)) + " /INSTALL; s=$?; umount /etc/systemd/system; exit $s");
+            ShellWord(Inside(VIGIL_AGENT_PATH)) +
+            " /INSTALL; s=$?; umount /etc/systemd/system; exit $s");
     EXPECT_EQ(readOnly.exitStatus, 19) << readOnly.output;
     EXPECT_NE(Run("test -e " + kUnitFile).exitStatus, 0);
 }
 
 TEST_F(SystemdE2eTest, AnAccountAndDependenciesBecomeUserAndRequires) {
-    const CommandResult installed = Agent("/INSTALL /ACCOUNT daemon /DOMAIN HOST /DEPENDENCIES dbus");
+    const CommandResult installed =
+        Agent("/INSTALL /ACCOUNT daemon /DOMAIN HOST /DEPENDENCIES dbus");
     ASSERT_EQ(installed.exitStatus, 0) << installed.output;
     const std::string unit = Run("cat " + kUnitFile).output;
     EXPECT_NE(unit.find("\nUser=daemon\n"), std::string::npos) << unit;
-    EXPECT_NE(unit.find("\nRequires=dbus.service\nAfter=dbus.service\n"), std::string::npos) << unit;
+    EXPECT_NE(unit.find("\nRequires=dbus.service\nAfter=dbus.service\n"), std::string::npos)
+        << unit;
     EXPECT_EQ(unit.find("[Install]"), std::string::npos) << unit;  // no /AUTOSTART
     const CommandResult verified = Run("systemd-analyze verify " + kUnitFile);
     EXPECT_EQ(verified.exitStatus, 0) << verified.output;
     // It runs as that user, with its run and data folders made for it.
     const CommandResult started = Agent("/START");
-    EXPECT_EQ(started.exitStatus, 0) << started.output
-                                     << Run("journalctl --no-pager -n 20 -u " + kUnit).output;
+    EXPECT_EQ(started.exitStatus, 0)
+        << started.output << Run("journalctl --no-pager -n 20 -u " + kUnit).output;
     EXPECT_EQ(Run("ps -o user= -p $(systemctl show -p MainPID --value " + kUnit + ")").output,
               "daemon\n");
     const CommandResult removed = Agent("/UNINSTALL");
@@ -168,7 +172,8 @@ TEST_F(SystemdE2eTest, EventsAreFoundInTheJournal) {
         const CommandResult found = Run("journalctl --no-pager -o cat -u " + kUnit +
                                         " MESSAGE_ID=eb42d24211294da2955331fb" + id);
         EXPECT_EQ(found.exitStatus, 0);
-        EXPECT_NE(found.output.find("Service has"), std::string::npos) << id << ": " << found.output;
+        EXPECT_NE(found.output.find("Service has"), std::string::npos)
+            << id << ": " << found.output;
     }
 }
 
@@ -183,7 +188,8 @@ TEST_F(SystemdE2eTest, UninstallStopsDisablesAndRemoves) {
 }
 
 TEST_F(SystemdE2eTest, ThePackageInstallsRunsAndRemovesTheService) {
-    const std::string deb = Run("ls " + ShellWord(kBuildInside) + "/*.deb 2>/dev/null | head -n 1").output;
+    const std::string deb =
+        Run("ls " + ShellWord(kBuildInside) + "/*.deb 2>/dev/null | head -n 1").output;
     ASSERT_FALSE(deb.empty()) << "no package in the build folder (the test SystemdE2ePackage, or "
                                  "cpack -G DEB there, makes it)";
     const std::string package = deb.substr(0, deb.size() - 1);
